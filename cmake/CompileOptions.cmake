@@ -1,0 +1,18 @@
+# zel_target(NAME): warnings, visibility and sanitizers that every target of this project has.
+function(zel_target name)
+    set_target_properties(${name} PROPERTIES
+        CXX_VISIBILITY_PRESET hidden
+        VISIBILITY_INLINES_HIDDEN ON)
+    target_compile_options(${name} PRIVATE
+        -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Werror
+        -Wno-error=deprecated-copy
+        $<$<CONFIG:Release>:-O3>)
+    if(ZEL_SANITIZER)
+        target_compile_options(${name} PRIVATE
+            -fsanitize=${ZEL_SANITIZER} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+        target_link_options(${name} PRIVATE -fsanitize=${ZEL_SANITIZER})
+    endif()
+    if(ZEL_THREAD_SAFETY_ANALYSIS)
+        target_compile_options(${name} PRIVATE -Wthread-safety)
+    endif()
+endfunction()
