@@ -9,8 +9,7 @@
 /// that the record was handed to; every `const char*` that a setter takes is only valid during the
 /// call, so a record copies it. Slot order is part of the binary interface.
 
-namespace zel::streamer
-{
+namespace zel::streamer {
 
 /// A string map: the free-form properties of a medium, or the options of a transcoder stage.
 class MapGeneric
@@ -125,24 +124,6 @@ public:
     virtual void setPixelFormat(VideoPixelFormat::Enum format) = 0;
 };
 
-/// The stream that a transcoder stage receives.
-class InputStreamDescription
-{
-public:
-    virtual ~InputStreamDescription() = default;
-
-    /// True: the packets written to the stage are container bytes; false: elementary packets.
-    virtual bool isMultiplexed() const = 0;
-    /// Container name in the system's vocabulary.
-    virtual const char* getFormat() const = 0;
-    virtual bool hasAudio() const = 0;
-    virtual bool hasVideo() const = 0;
-    virtual AudioPacketDescription* getAudio() const = 0;
-    virtual VideoPacketDescription* getVideo() const = 0;
-    /// The same stream as a plain description.
-    virtual const InputStreamDescription* getStreamDescription() const = 0;
-};
-
 /// What the plug-ins fill in about a stream that leaves them.
 class OutputStreamDescription
 {
@@ -163,6 +144,24 @@ public:
     virtual AudioPacketDescription* getAudio() const = 0;
     virtual VideoPacketDescription* getVideo() const = 0;
     virtual void copyTo(OutputStreamDescription* target) const = 0;
+};
+
+/// The stream that a transcoder stage receives.
+class InputStreamDescription
+{
+public:
+    virtual ~InputStreamDescription() = default;
+
+    /// True: the packets written to the stage are container bytes; false: elementary packets.
+    virtual bool isMultiplexed() const = 0;
+    /// Container name in the system's vocabulary.
+    virtual const char* getFormat() const = 0;
+    virtual bool hasAudio() const = 0;
+    virtual bool hasVideo() const = 0;
+    virtual AudioPacketDescription* getAudio() const = 0;
+    virtual VideoPacketDescription* getVideo() const = 0;
+    /// The same stream as a plain description, which a stage may adjust and copy from.
+    virtual OutputStreamDescription* getStreamDescription() const = 0;
 };
 
 /// What the remote player asked for.

@@ -2,13 +2,12 @@
 
 /// The enumerations of the border between the host and the plug-ins.
 
-namespace zel::streamer
-{
+namespace zel::streamer {
 
 /// What a sample packet or a delivered frame holds.
-namespace PacketType
+namespace PacketType {
+enum Enum : int
 {
-enum Enum : int {
     Audio = 0,
     Video = 1,
     /// Nothing to deliver now; on a queue a control packet without data; towards the encoder stage
@@ -24,18 +23,18 @@ enum Enum : int {
 } // namespace PacketType
 
 /// What an input tells the host through its event callback.
-namespace InputEvent
+namespace InputEvent {
+enum Enum : int
 {
-enum Enum : int {
     EndOfFileReceived = 0,
     BrokenStream = 1,
 };
 } // namespace InputEvent
 
 /// Which video packets an input decodes. Applied at each packet, so a change acts at once.
-namespace DecodingMode
+namespace DecodingMode {
+enum Enum : int
 {
-enum Enum : int {
     All = 0,
     KeyFramesOnly = 1,
     None = 2,
@@ -43,9 +42,9 @@ enum Enum : int {
 } // namespace DecodingMode
 
 /// Picture formats that cross the border. Planes and rows follow each other without padding.
-namespace VideoPixelFormat
+namespace VideoPixelFormat {
+enum Enum : int
 {
-enum Enum : int {
     RGB24 = 0,
     BGR24 = 1,
     BGRA = 2,

@@ -2,14 +2,14 @@
 
 #include "plugin/PluginTypes.h"
 
-namespace zel::streamer
-{
+namespace zel::streamer {
 
 /// One unit of media between stages: an audio or video frame, container bytes or metadata.
 ///
 /// Counted by reference. A packet starts with one reference that its maker holds; `write` and the
 /// queues pass that reference on, and whoever holds it last releases it. Nobody deletes a packet.
-/// The count is plain: one packet has one holder at a time, and a queue's lock orders the hand-over.
+/// The count is plain: one packet has one holder at a time, and a queue's lock orders the
+/// hand-over.
 class SamplePacket
 {
 public:

@@ -6,12 +6,10 @@
 
 /// The interfaces that the plug-ins implement. Slot order is part of the binary interface.
 
-namespace zel::streamer
-{
+namespace zel::streamer {
 
 /// Results of the control operations.
-namespace Result
-{
+namespace Result {
 constexpr int Done = 0;
 /// Of `start`, `stop`, `close`, `pause`, `resume`.
 constexpr int Accepted = 1;
