@@ -1,5 +1,6 @@
 #include "common/utils/CBBLog.h"
 
+#include "common/utils/CRegistry.h"
 #include "common/utils/Places.h"
 
 #include <array>
@@ -100,9 +101,8 @@ void CBBLog::setLogger(const boost::shared_ptr<CBBLog>& logger)
     s_threshold = logger ? thresholdOf(logger->m_logLevel) : nothingPasses;
 }
 
-void CBBLog::storeLevel(int level)
+void CBBLog::publishLevel()
 {
-    m_logLevel = level;
     PMutexGuard guard(s_instanceLock);
     if (s_identity == this) {
         s_threshold = thresholdOf(m_logLevel);
@@ -302,7 +302,8 @@ void CBBLog::AddRawLog(const char* text)
 
 void CBBLog::setLogLevel(LOGLEVEL level)
 {
-    storeLevel(level);
+    m_logLevel = level;
+    publishLevel();
 }
 
 void CBBLog::_AddLog(const boost::format& text, LOGLEVEL level)
@@ -318,6 +319,7 @@ void CBBLog::_AddLog(const char* format, va_list arguments, LOGLEVEL level)
         return;
     }
     std::array<char, textBlockSize> text;
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): every caller has started it
     if (vsnprintf(text.data(), text.size(), format, arguments) < 0) {
         text[0] = '\0';
     }
@@ -340,7 +342,12 @@ bool CBBLog::prepare(LOGLEVEL level)
 
 void CBBLog::readLogLevel()
 {
-    storeLevel(LOGLEVEL_ERROR);
+    int level = LOGLEVEL_ERROR;
+    CRegistry::getInstance()->ReadSettingImpl(CRegistry::zelSection, "LogLevel", level);
+    // A level that was set meanwhile stays.
+    int expected = levelUnknown;
+    m_logLevel.compare_exchange_strong(expected, level);
+    publishLevel();
 }
 
 void CBBLog::addLine(const CStdStr<char>& line, LOGLEVEL level)

@@ -106,7 +106,7 @@ private:
     static void logCurrent(LOGLEVEL level, const boost::format& text);
     void logHere(LOGLEVEL level, const char* format, va_list arguments)
         __attribute__((format(printf, 3, 0)));
-    void storeLevel(int level);
+    void publishLevel();
 
     bool prepare(LOGLEVEL level);
     void readLogLevel();
