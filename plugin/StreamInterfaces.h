@@ -52,7 +52,7 @@ public:
     /// Takes over the caller's reference to the packet.
     virtual int write(SamplePacket* packet) = 0;
     /// Moves the time origin to a position in milliseconds and drops what is buffered.
-    virtual int resetPosition(unsigned long long positionMs) = 0;
+    virtual void resetPosition(unsigned long long positionMs) = 0;
 };
 
 /// An input: opens a medium and yields its frames.
