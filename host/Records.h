@@ -104,24 +104,6 @@ public:
     }
 };
 
-/// The stream that a stage receives.
-class InputStreamRecord : public streamer::InputStreamDescription
-{
-public:
-    bool multiplexed = false;
-    std::string format;
-    mutable AudioRecord audio;
-    mutable VideoRecord video;
-
-    bool isMultiplexed() const override { return multiplexed; }
-    const char* getFormat() const override { return format.c_str(); }
-    bool hasAudio() const override { return audio.isPresent(); }
-    bool hasVideo() const override { return video.isPresent(); }
-    streamer::AudioPacketDescription* getAudio() const override { return &audio; }
-    streamer::VideoPacketDescription* getVideo() const override { return &video; }
-    const streamer::InputStreamDescription* getStreamDescription() const override { return this; }
-};
-
 /// A stream that leaves a plug-in. A part counts as present once its codec is written.
 class OutputStreamRecord : public streamer::OutputStreamDescription
 {
@@ -166,6 +148,21 @@ public:
         if (video.isPresent() && target->getVideo() != nullptr)
             copyFields(video, *target->getVideo());
     }
+};
+
+/// The stream that a stage receives: one description, seen through both interfaces.
+class InputStreamRecord : public streamer::InputStreamDescription
+{
+public:
+    mutable OutputStreamRecord stream;
+
+    bool isMultiplexed() const override { return stream.isMultiplexed(); }
+    const char* getFormat() const override { return stream.getFormat(); }
+    bool hasAudio() const override { return stream.hasAudio(); }
+    bool hasVideo() const override { return stream.hasVideo(); }
+    streamer::AudioPacketDescription* getAudio() const override { return &stream.audio; }
+    streamer::VideoPacketDescription* getVideo() const override { return &stream.video; }
+    streamer::OutputStreamDescription* getStreamDescription() const override { return &stream; }
 };
 
 /// What the remote player asked for.
