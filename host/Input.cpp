@@ -1,0 +1,124 @@
+#include "host/Input.h"
+
+#include "host/HostError.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <system_error>
+
+namespace zel::host {
+
+namespace {
+
+/// What is wrong with a local file as far as the system can tell; "" when it can be read.
+std::string fileTrouble(const std::string& path)
+{
+    struct stat status = {};
+    if (stat(path.c_str(), &status) != 0 || access(path.c_str(), R_OK) != 0)
+        return std::generic_category().message(errno);
+    if (S_ISDIR(status.st_mode))
+        return std::generic_category().message(EISDIR);
+    if (S_ISREG(status.st_mode) && status.st_size == 0)
+        return "The file is empty";
+    return {};
+}
+
+} // namespace
+
+Input::Input(const Library& library, StopSignal& stop) : m_stop(stop), m_plugin(library.makeInput())
+{
+    m_stop.setAction([this] { m_plugin->stop(); });
+}
+
+Input::~Input()
+{
+    m_stop.setAction(nullptr);
+    m_plugin->stop();
+    m_plugin->close();
+}
+
+void Input::setMedium(const std::string& medium, int decoderThreads)
+{
+    m_name = medium;
+    m_medium = MediumRecord(medium);
+    // A relative name with a colon would look like a URL to the demuxers.
+    if (m_medium.protocol.empty() && !medium.empty())
+        m_medium.url = std::filesystem::absolute(medium);
+    if (decoderThreads > 0)
+        m_medium.setProperty("decoderThreads", std::to_string(decoderThreads).c_str());
+}
+
+void Input::open()
+{
+    ErrorRecord error;
+    // Only close ends an open that waits for a network.
+    m_stop.setAction([this] { m_plugin->close(); });
+    const bool opened = m_isOpen ? m_plugin->updateMedium(&m_medium, &error, nullptr)
+                                 : m_plugin->open(&m_medium, &error, nullptr);
+    m_stop.setAction([this] { m_plugin->stop(); });
+    m_isOpen = opened;
+    if (!opened) {
+        m_plugin->close();
+        throw openError(error);
+    }
+    m_plugin->setInputEventCallback(&Input::_inputEvent, this);
+}
+
+HostError Input::openError(const ErrorRecord& error) const
+{
+    if (m_stop.isRequested())
+        return HostError(m_name + ": Interrupted");
+    constexpr int NotRenderable = 2;
+    std::string detail = m_medium.protocol.empty() ? fileTrouble(m_medium.url) : std::string();
+    if (detail.empty() && error.code && *error.code != NotRenderable)
+        detail = "code " + std::to_string(*error.code);
+    const std::string reason = error.message.value_or("The medium could not be opened");
+    return HostError(m_name + ": " + reason + (detail.empty() ? "" : " (" + detail + ")"));
+}
+
+bool Input::read(Frame& frame)
+{
+    // An input leaves what it has nothing to say about as it was.
+    frame = Frame();
+    return m_plugin->readFrame(frame.type, frame.data, frame.size, frame.timestampUs,
+                               frame.durationUs, frame.context, frame.keyFrame);
+}
+
+void Input::free(Frame& frame)
+{
+    m_plugin->freeFrame(frame.data, frame.context);
+    frame.data = nullptr;
+    frame.context = nullptr;
+}
+
+MediumRecord Input::describeMedium()
+{
+    MediumRecord record = m_medium;
+    m_plugin->getMediumDescription(&record);
+    return record;
+}
+
+OutputStreamRecord Input::describeInput()
+{
+    OutputStreamRecord record;
+    m_plugin->getInputStreamDescription(&record);
+    return record;
+}
+
+OutputStreamRecord Input::describeOutput()
+{
+    OutputStreamRecord record;
+    m_plugin->getOutputStreamDescription(&record);
+    return record;
+}
+
+void Input::_inputEvent(streamer::InputEvent::Enum event, int, int, void* self)
+{
+    if (event == streamer::InputEvent::BrokenStream)
+        static_cast<Input*>(self)->m_broken = true;
+}
+
+} // namespace zel::host

@@ -1,0 +1,72 @@
+#pragma once
+
+#include "host/HostError.h"
+#include "host/Library.h"
+#include "host/Records.h"
+#include "host/StopSignal.h"
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+namespace zel::host {
+
+/// One frame of an input. Empty once it has been given back.
+struct Frame
+{
+    streamer::PacketType::Enum type = streamer::PacketType::None;
+    unsigned char* data = nullptr; ///< the input's; see Input::free
+    unsigned int size = 0;         ///< bytes
+    unsigned long long timestampUs = streamer::SamplePacket::NoTimestamp;
+    unsigned long long durationUs = 0;
+    void* context = nullptr;
+    bool keyFrame = false;
+
+    bool hasTimestamp() const { return timestampUs != streamer::SamplePacket::NoTimestamp; }
+};
+
+/// An input of the library in the hands of a command: opened by a call that throws, stopped by
+/// signals, closed and deleted in order on every way out. Main thread.
+class Input
+{
+public:
+    /// @param stop  outlives this object; a signal stops the input
+    Input(const Library& library, StopSignal& stop);
+    ~Input();
+    Input(const Input&) = delete;
+    Input& operator=(const Input&) = delete;
+
+    /// Path or URL of the medium; call it once, before open.
+    /// @param decoderThreads  0 leaves the choice to the library
+    void setMedium(const std::string& medium, int decoderThreads);
+
+    /// Opens the medium, or opens it anew when it is open.
+    /// @throws HostError with the medium's name and the library's reason
+    void open();
+
+    /// Takes the next frame; give it back with free.
+    /// @return false at the end of the medium or after a signal
+    bool read(Frame& frame);
+    void free(Frame& frame);
+
+    streamer::InputPluginInterface& plugin() { return *m_plugin; }
+    /// The medium as it was named by the user.
+    const std::string& name() const { return m_name; }
+    MediumRecord describeMedium();
+    OutputStreamRecord describeInput();
+    OutputStreamRecord describeOutput();
+    bool isBroken() const { return m_broken; }
+
+private:
+    static void _inputEvent(streamer::InputEvent::Enum event, int, int, void* self);
+    HostError openError(const ErrorRecord& error) const;
+
+    StopSignal& m_stop;
+    std::unique_ptr<streamer::InputPluginInterface> m_plugin;
+    std::string m_name;
+    MediumRecord m_medium;
+    bool m_isOpen = false;
+    std::atomic<bool> m_broken{false}; ///< set on a thread of the library
+};
+
+} // namespace zel::host
