@@ -44,7 +44,7 @@ CStdStr<char> FFMpegDecoderCore::codecName(const AVCodecContext* codec)
 /// Copies what the queries tell to where they can read it without waiting for m_mutex.
 void FFMpegDecoderCore::publishDescription()
 {
-    if (m_outWidth == 0 || m_outHeight == 0) {
+    if ((m_videoStream != nullptr || m_rescaleOnly) && (m_outWidth == 0 || m_outHeight == 0)) {
         m_outWidth = DefaultWidth;
         m_outHeight = DefaultHeight;
     }
