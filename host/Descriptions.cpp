@@ -168,7 +168,7 @@ std::string audioLine(const AudioRecord& audio)
 {
     std::string line = printable(audio.getCodec());
     if (audio.getBitsPerSample() > 0 && audio.codec == "raw")
-        line += " " + std::to_string(audio.getBitsPerSample()) + " bits";
+        line.append(" ").append(std::to_string(audio.getBitsPerSample())).append(" bits");
     if (audio.getSampleRate() > 0)
         append(line, std::to_string(audio.getSampleRate()) + " Hz");
     const int channels = audio.getChannels();

@@ -87,7 +87,7 @@ bool Input::read(Frame& frame)
                                frame.durationUs, frame.context, frame.keyFrame);
 }
 
-void Input::free(Frame& frame)
+void Input::release(Frame& frame)
 {
     m_plugin->freeFrame(frame.data, frame.context);
     frame.data = nullptr;

@@ -15,7 +15,7 @@ namespace zel::host {
 struct Frame
 {
     streamer::PacketType::Enum type = streamer::PacketType::None;
-    unsigned char* data = nullptr; ///< the input's; see Input::free
+    unsigned char* data = nullptr; ///< the input's; see Input::release
     unsigned int size = 0;         ///< bytes
     unsigned long long timestampUs = streamer::SamplePacket::NoTimestamp;
     unsigned long long durationUs = 0;
@@ -44,10 +44,10 @@ public:
     /// @throws HostError with the medium's name and the library's reason
     void open();
 
-    /// Takes the next frame; give it back with free.
+    /// Takes the next frame; give it back with release.
     /// @return false at the end of the medium or after a signal
     bool read(Frame& frame);
-    void free(Frame& frame);
+    void release(Frame& frame);
 
     streamer::InputPluginInterface& plugin() { return *m_plugin; }
     /// The medium as it was named by the user.

@@ -26,7 +26,7 @@ class FrameOwner
 {
 public:
     FrameOwner(Input& input, Frame& frame) : m_input(input), m_frame(frame) {}
-    ~FrameOwner() { m_input.free(m_frame); }
+    ~FrameOwner() { m_input.release(m_frame); }
     FrameOwner(const FrameOwner&) = delete;
     FrameOwner& operator=(const FrameOwner&) = delete;
 

@@ -54,7 +54,9 @@ void ProgressBar::updateTerminal(long long positionUs)
     m_nextDraw = now + DrawInterval;
     if (!m_firstUs)
         m_firstUs = positionUs;
-    const std::string text = "\r" + line(positionUs, now) + "\033[K";
+    std::string text = "\r";
+    text += line(positionUs, now);
+    text += "\033[K";
     std::fwrite(text.data(), 1, text.size(), stderr);
     std::fflush(stderr);
     m_visible = true;
@@ -79,11 +81,12 @@ std::string ProgressBar::line(long long positionUs, Clock::time_point now) const
     if (elapsed > 0.2)
         std::snprintf(speed, sizeof speed, "  %.1fx",
                       std::max(0.0, static_cast<double>(positionUs - *m_firstUs) / 1e6 / elapsed));
-    const std::string tail = times + speed;
+    std::string tail = times + speed;
     if (m_lengthUs <= 0)
         return tail;
 
-    const double part = std::clamp(static_cast<double>(positionUs) / m_lengthUs, 0.0, 1.0);
+    const double part =
+        std::clamp(static_cast<double>(positionUs) / static_cast<double>(m_lengthUs), 0.0, 1.0);
     char percent[16];
     std::snprintf(percent, sizeof percent, " %3d%%  ", static_cast<int>(part * 100));
     // One column stays free, since some terminals wrap when the last one is written.
@@ -92,9 +95,11 @@ std::string ProgressBar::line(long long positionUs, Clock::time_point now) const
     if (width < ShortestBar)
         return tail.substr(0, static_cast<size_t>(std::max(m_console.columns() - 1, 0)));
     const int done = static_cast<int>(part * width);
-    if (m_blocks)
-        return "▕" + repeated("█", done) + repeated(" ", width - done) + "▏" + percent + tail;
-    return "[" + repeated("#", done) + repeated(".", width - done) + "]" + percent + tail;
+    std::string text = m_blocks ? "▕" : "[";
+    text += repeated(m_blocks ? "█" : "#", done);
+    text += repeated(m_blocks ? " " : ".", width - done);
+    text += m_blocks ? "▏" : "]";
+    return text + percent + tail;
 }
 
 } // namespace zel::host

@@ -34,7 +34,7 @@ StopSignal::StopSignal()
 StopSignal::~StopSignal()
 {
     m_ending = true;
-    pthread_kill(m_thread.native_handle(), SIGTERM);
+    pthread_kill(m_thread.native_handle(), SIGHUP); // ends its sigwait
     m_thread.join();
 }
 

@@ -78,7 +78,7 @@ std::string formatTime(long long timeUs)
         std::snprintf(text, sizeof text, "%llu:%02u:%02u.%03u", hours, minutes, seconds, rest);
     else
         std::snprintf(text, sizeof text, "%u:%02u.%03u", minutes, seconds, rest);
-    return (negative ? "-" : "") + std::string(text);
+    return negative ? std::string("-").append(text) : text;
 }
 
 std::string formatCount(unsigned long long count)

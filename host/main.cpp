@@ -181,13 +181,13 @@ int run(const CommandLine& line, std::chrono::steady_clock::time_point start)
 int main(int argc, char** argv)
 {
     const auto start = std::chrono::steady_clock::now();
-    CommandLine line;
-    CLI::App app("Loads the media plug-in library and plays media through it.", "zel-host");
-    app.require_subcommand(1);
-    addProbe(app, line);
-    addPlay(app, line);
-    CLI11_PARSE(app, argc, argv);
     try {
+        CommandLine line;
+        CLI::App app("Loads the media plug-in library and plays media through it.", "zel-host");
+        app.require_subcommand(1);
+        addProbe(app, line);
+        addPlay(app, line);
+        CLI11_PARSE(app, argc, argv);
         return run(line, start);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "zel-host: %s\n", error.what());
