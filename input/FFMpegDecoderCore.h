@@ -42,6 +42,10 @@ public:
     /// Bytes behind a picture's end that belong to its buffer: swscale writes beyond the last row.
     static constexpr unsigned int PictureSlack = 64;
 
+    /// The picture size of video that does not tell its own.
+    static constexpr unsigned int DefaultWidth = 320;
+    static constexpr unsigned int DefaultHeight = 240;
+
     FFMpegDecoderCore();
     virtual ~FFMpegDecoderCore();
     FFMpegDecoderCore(const FFMpegDecoderCore&) = delete;

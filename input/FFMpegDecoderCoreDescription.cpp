@@ -11,9 +11,6 @@ using zel::streamer::VideoPacketDescription;
 
 namespace {
 
-constexpr unsigned int DefaultWidth = 320;
-constexpr unsigned int DefaultHeight = 240;
-
 /// The border speaks of signed numbers throughout.
 int toInt(unsigned int value)
 {

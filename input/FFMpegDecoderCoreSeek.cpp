@@ -28,7 +28,8 @@ bool FFMpegDecoderCore::setPosition(unsigned long long ms)
     }
     resetWatchdogs();
     m_streamOffset = targetUs;
-    m_frameCounter = static_cast<unsigned long long>(static_cast<double>(ms / 1000) * m_fps);
+    const unsigned long long wholeSeconds = ms / 1000;
+    m_frameCounter = static_cast<unsigned long long>(static_cast<double>(wholeSeconds) * m_fps);
     m_nextAudioTimestamp = targetUs;
     flushDecoders();
     return true;

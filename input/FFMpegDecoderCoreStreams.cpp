@@ -17,8 +17,6 @@ namespace {
 
 constexpr int MaxProbeTries = 250;
 constexpr int MaxAudioChannels = 18;
-constexpr unsigned int DefaultWidth = 320;
-constexpr unsigned int DefaultHeight = 240;
 constexpr double MaxFps = 120.0;
 constexpr double DefaultFps = 30.0;
 constexpr int MaxDecoderThreads = 16;
