@@ -19,18 +19,20 @@ CStdStr<char> withoutEndSlashes(const CStdStr<char>& path)
     return path.substr(0, last == std::string::npos ? 1 : last + 1);
 }
 
-/// @param own  variable that names the folder itself
-/// @param shared  variable that names the parent of all programs' folders
-/// @param underHome  what `shared` stands for when it is not set
-CStdStr<char> folder(const char* own, const char* shared, const char* underHome, const char* name)
+/// @param chosenName  variable that names the folder itself
+/// @param sharedName  variable that names the parent of all programs' folders
+/// @param underHome  where that parent is when it is not set
+CStdStr<char> folder(const char* chosenName, const char* sharedName, const char* underHome,
+                     const char* name)
 {
-    const CStdStr<char> chosen(getenv(own));
+    const CStdStr<char> chosen(getenv(chosenName));
     if (!chosen.empty()) {
         return withoutEndSlashes(chosen);
     }
-    CStdStr<char> parent(getenv(shared));
+    CStdStr<char> parent(getenv(sharedName));
     if (parent.empty() || parent[0] != '/') {
-        parent = home() + underHome;
+        const CStdStr<char> own(getenv("HOME"));
+        parent = (own.empty() || own[0] != '/' ? home() : withoutEndSlashes(own)) + underHome;
     }
     return withoutEndSlashes(parent) + name;
 }

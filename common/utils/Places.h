@@ -7,7 +7,8 @@
 /// The folders of this machine, without a slash at the end. Any thread, as long as nobody changes
 /// the environment meanwhile. Nothing is created but by makeFolders().
 ///
-/// An empty variable counts as unset, and a relative path in an XDG variable is passed over.
+/// An empty variable counts as unset, and a relative path in an XDG variable or in $HOME is passed
+/// over. "~" is $HOME, else home().
 namespace zel::places {
 
 /// $TAMRIX_LOG_DIR, else $XDG_STATE_HOME/tamrix/logs, else ~/.local/state/tamrix/logs.
