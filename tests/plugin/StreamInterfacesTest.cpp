@@ -34,8 +34,10 @@ public:
     int start() override { return 1; }
     int stop() override { return 1; }
     int write(SamplePacket*) override { return 41; }
-    int resetPosition(unsigned long long) override { return 42; }
+    void resetPosition(unsigned long long positionMs) override { m_position = positionMs; }
     virtual void behindTheStage() {}
+
+    unsigned long long m_position = 0;
 };
 
 class PlainInput : public InputPluginInterface
@@ -185,7 +187,8 @@ TEST(StreamInterfaces, StageIsAnInputStreamFirstAndAnOutputStreamSecond)
     EXPECT_EQ(reinterpret_cast<char*>(sink) - reinterpret_cast<char*>(plugin),
               static_cast<std::ptrdiff_t>(sizeof(void*)));
     EXPECT_EQ(sink->write(nullptr), 41);
-    EXPECT_EQ(sink->resetPosition(0), 42);
+    sink->resetPosition(42);
+    EXPECT_EQ(stage.m_position, 42U);
 }
 
 TEST(StreamInterfaces, AdaptorAnswersNotSupportedAndTouchesNothing)
