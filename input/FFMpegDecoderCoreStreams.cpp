@@ -57,11 +57,12 @@ const AVCodec* findDecoder(AVCodecID id)
     return avcodec_find_decoder(id);
 }
 
+/// Null when the stream's parameters cannot be taken over.
 zel::av::CodecContext makeCodecContext(const AVStream* stream, const AVCodec* decoder)
 {
     zel::av::CodecContext context(avcodec_alloc_context3(decoder));
     if (!context || avcodec_parameters_to_context(context.get(), stream->codecpar) < 0) {
-        throw std::bad_alloc();
+        return nullptr;
     }
     context->pkt_timebase = stream->time_base;
     // Stamps go by packet, so the samples of a packet must stay whole.
@@ -160,7 +161,7 @@ const AVCodec* FFMpegDecoderCore::openDecoder(unsigned int index)
     const AVStream* stream = m_formatContext->streams[index];
     const AVCodec* decoder = findDecoder(stream->codecpar->codec_id);
     m_codecs.push_back(makeCodecContext(stream, decoder));
-    if (decoder == nullptr) {
+    if (decoder == nullptr || !m_codecs.back()) {
         return nullptr;
     }
     if (avcodec_open2(m_codecs.back().get(), decoder, nullptr) < 0) {
@@ -236,6 +237,9 @@ bool FFMpegDecoderCore::streamsReady(bool hasAudio, bool hasVideo,
     bool videoKnown = false;
     for (unsigned int i = 0; i < entries.size(); ++i) {
         const AVCodecContext* codec = m_codecs[i].get();
+        if (codec == nullptr) {
+            continue;
+        }
         if (isType(m_formatContext->streams[i], AVMEDIA_TYPE_AUDIO)) {
             audioKnown =
                 audioKnown || (codec->sample_rate >= 1 && codec->ch_layout.nb_channels >= 1);
@@ -255,7 +259,7 @@ bool FFMpegDecoderCore::streamsReady(bool hasAudio, bool hasVideo,
 void FFMpegDecoderCore::rewindAfterProbe()
 {
     for (const zel::av::CodecContext& codec : m_codecs) {
-        if (avcodec_is_open(codec.get()) != 0) {
+        if (codec && avcodec_is_open(codec.get()) != 0) {
             avcodec_flush_buffers(codec.get());
         }
     }
@@ -296,6 +300,11 @@ bool FFMpegDecoderCore::isTaken(const std::vector<StreamEntry>& entries, unsigne
                             entries[index].decoder->id != AV_CODEC_ID_NONE &&
                             stream->codecpar->codec_id != AV_CODEC_ID_NONE;
     const int number = static_cast<int>(index);
+    if (codecOf(stream) == nullptr) {
+        CBBLog::warn("FFMpegDecoderCore::initFormatStreams streams[%d] stream codec unknown",
+                     number);
+        return false;
+    }
     if (!m_skipAudio && !m_skipVideo) {
         if (!hasDecoder) {
             CBBLog::warn("FFMpegDecoderCore::initFormatStreams streams[%d] codec unknown", number);
