@@ -11,7 +11,7 @@ static void setAndCopy(benchmark::State& state)
 {
     const std::vector<unsigned char> frame(static_cast<std::size_t>(state.range(0)), 0x5A);
     auto* packet = new SimpleSamplePacket;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         packet->setAndCopy(PacketType::Video, frame.data(), static_cast<int>(frame.size()), 0, 0,
                            false);
         benchmark::DoNotOptimize(packet->getBuffer());
