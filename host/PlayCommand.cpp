@@ -65,7 +65,7 @@ void play(const PlayOptions& options, Console& console, StopSignal& stop,
     input.setMedium(options.medium, options.decoderThreads);
     if (options.copyAudio || options.noAudio)
         input.plugin().skipAudioDecoding();
-    if (options.copyVideo || options.noVideo)
+    if (options.copyVideo)
         input.plugin().skipVideoDecoding();
     const FrameSinks sinks = makeSinks(options, console.out());
 

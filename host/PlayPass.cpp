@@ -117,8 +117,10 @@ bool PlayPass::handle(const Frame& frame)
 
 bool PlayPass::handleMedia(const Frame& frame)
 {
-    if (isUnwanted(frame))
+    if (isUnwanted(frame)) {
+        leaveOutVideo(frame);
         return true;
+    }
     if (isPastEnd(frame))
         return !isEndReached(frame);
     if (m_options.realtime && frame.hasTimestamp() && !m_pacer.waitFor(frame.timestampUs))
@@ -153,6 +155,14 @@ void PlayPass::handleMetadata(const Frame& frame)
 bool PlayPass::isUnwanted(const Frame& frame) const
 {
     return frame.type == PacketType::Video ? m_options.noVideo : m_options.noAudio;
+}
+
+/// Ends video decoding with the first picture. Not earlier: an input holds audio back until video
+/// has started. And no skipVideoDecoding, which moves the time stamps of audio as well.
+void PlayPass::leaveOutVideo(const Frame& frame)
+{
+    if (frame.type == PacketType::Video && !m_videoLeftOut)
+        m_videoLeftOut = m_input.plugin().setVideoDecodingMode(streamer::DecodingMode::None);
 }
 
 bool PlayPass::isPastEnd(const Frame& frame)

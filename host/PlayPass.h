@@ -35,6 +35,7 @@ private:
     bool handleMedia(const Frame& frame);
     void handleMetadata(const Frame& frame);
     bool isUnwanted(const Frame& frame) const;
+    void leaveOutVideo(const Frame& frame);
     bool isPastEnd(const Frame& frame);
     bool isEndReached(const Frame& frame) const;
     void seekWhenDue(const Frame& frame);
@@ -52,6 +53,7 @@ private:
     ProgressBar m_progress;
     bool m_hasVideo = false; ///< pictures are wanted and there
     bool m_hasAudio = false;
+    bool m_videoLeftOut = false;
     size_t m_nextSeek = 0;
     std::optional<unsigned long long> m_endUs; ///< of the stretch
     bool m_videoEnded = false;                 ///< a picture at or behind m_endUs came

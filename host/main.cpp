@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdio>
 #include <exception>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,31 @@ namespace {
 using namespace zel::host;
 
 constexpr const char* TimeHelp = "TIME";
+
+/// Breaks descriptions into lines, and leaves out what the checks of an option say about it, since
+/// the descriptions say it better.
+class HelpFormatter : public CLI::Formatter
+{
+public:
+    std::string make_option_opts(const CLI::Option* option) const override
+    {
+        return option->get_items_expected_max() > 0 ? " " + option->get_type_name() : "";
+    }
+
+    std::string make_option_desc(const CLI::Option* option) const override
+    {
+        constexpr size_t Columns = 68;
+        std::string text = option->get_description();
+        for (size_t begin = 0; text.size() - begin > Columns;) {
+            const size_t blank = text.rfind(' ', begin + Columns);
+            if (blank == std::string::npos || blank <= begin)
+                break;
+            text[blank] = '\n';
+            begin = blank + 1;
+        }
+        return text;
+    }
+};
 
 unsigned long long timeOf(const std::string& option, const std::string& text)
 {
@@ -50,7 +76,7 @@ struct CommandLine
 
 void addMediumOptions(CLI::App& command, MediumOptions& options, std::string& logTarget)
 {
-    command.add_option("MEDIUM", options.medium, "File or URL")->required();
+    command.add_option("MEDIUM", options.medium, "File or URL")->required()->type_name("");
     command
         .add_option("--library", options.libraryPath,
                     "The plug-in library (default: $ZEL_PLUGIN_LIBRARY, or beside this program)")
@@ -58,7 +84,7 @@ void addMediumOptions(CLI::App& command, MediumOptions& options, std::string& lo
     command
         .add_option("--threads", options.decoderThreads,
                     "Decoder threads (default: the library decides)")
-        ->check(CLI::Range(1, 64))
+        ->check(CLI::Range(1, 64).description(""))
         ->type_name("N");
     command
         .add_option("--log", logTarget,
@@ -109,7 +135,8 @@ void addStretchOptions(CLI::App& command, PlayOptions& options)
 void addKindOptions(CLI::App& command, PlayOptions& options)
 {
     auto* noAudio = command.add_flag("--no-audio", options.noAudio, "Leave audio out, undecoded");
-    auto* noVideo = command.add_flag("--no-video", options.noVideo, "Leave video out, undecoded");
+    auto* noVideo = command.add_flag("--no-video", options.noVideo,
+                                     "Leave video out, and decode no more than the first picture");
     auto* keyFrames = command.add_flag("--keyframes", options.keyFrames, "Decode key frames only");
     auto* copyAudio =
         command.add_flag("--copy-audio", options.copyAudio, "Read audio packets as they are");
@@ -130,9 +157,8 @@ void addKindOptions(CLI::App& command, PlayOptions& options)
             ->type_name("DIR");
     command
         .add_option("--every", options.pictureEvery,
-                    "With --pictures: only every Nth, from the first on")
-        ->check(CLI::PositiveNumber)
-        ->capture_default_str()
+                    "With --pictures: only every Nth, from the first on (default: 25)")
+        ->check(CLI::Range(1, 1000000).description(""))
         ->needs(pictures)
         ->type_name("N");
     auto* hashes = command.add_flag("--framemd5", options.frameHashes,
@@ -184,13 +210,20 @@ int main(int argc, char** argv)
     try {
         CommandLine line;
         CLI::App app("Loads the media plug-in library and plays media through it.", "zel-host");
+        app.formatter(std::make_shared<HelpFormatter>());
         app.require_subcommand(1);
         addProbe(app, line);
         addPlay(app, line);
-        CLI11_PARSE(app, argc, argv);
+        try {
+            app.parse(argc, argv);
+        } catch (const CLI::Success& help) {
+            return app.exit(help);
+        }
         return run(line, start);
+    } catch (const CLI::ParseError& error) {
+        std::fprintf(stderr, "zel-host: %s (see zel-host --help)\n", error.what());
     } catch (const std::exception& error) {
         std::fprintf(stderr, "zel-host: %s\n", error.what());
-        return 1;
     }
+    return 1;
 }
