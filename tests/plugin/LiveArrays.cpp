@@ -2,8 +2,11 @@
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 
-// The sanitizers' own operators find mismatched pairs, so they stay in place and are asked.
-#include <sanitizer/allocator_interface.h>
+#include <cstddef>
+
+// The sanitizers' own operators find mismatched pairs, so they stay in place and are asked. g++ has
+// no header for this function of its runtime.
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 
 long long zel::test::liveArrays()
 {

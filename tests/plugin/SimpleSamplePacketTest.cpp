@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <memory>
 #include <numeric>
 #include <vector>
 
@@ -14,6 +15,15 @@ using zel::test::liveArrays;
 namespace PacketType = zel::streamer::PacketType;
 
 namespace {
+
+struct Release
+{
+    void operator()(SamplePacket* packet) const { packet->release(); }
+};
+
+/// A packet with one reference that ends with the scope.
+template <class Packet>
+using Owned = std::unique_ptr<Packet, Release>;
 
 /// Tells when it dies.
 class MortalPacket : public SimpleSamplePacket
@@ -75,7 +85,7 @@ TEST(SimpleSamplePacket, NewPacketIsEmptyWithTypeNoneAndOneReference)
 TEST(SimpleSamplePacket, SetAndCopyKeepsEveryArgument)
 {
     const auto bytes = countingBytes(100);
-    auto* packet = new SimpleSamplePacket;
+    const Owned<SimpleSamplePacket> packet(new SimpleSamplePacket);
     packet->setAndCopy(PacketType::Video, bytes.data(), 100, 123456789012ULL, 40000, true);
     EXPECT_EQ(packet->getType(), PacketType::Video);
     ASSERT_EQ(packet->getLength(), 100);
@@ -84,19 +94,17 @@ TEST(SimpleSamplePacket, SetAndCopyKeepsEveryArgument)
     EXPECT_EQ(packet->getTimestamp(), 123456789012ULL);
     EXPECT_EQ(packet->getDuration(), 40000U);
     EXPECT_TRUE(packet->isKeyFrame());
-    packet->release();
 }
 
 TEST(SimpleSamplePacket, SetAndCopyPadsTheCopyWithZeros)
 {
     const auto bytes = countingBytes(33);
-    auto* packet = new SimpleSamplePacket;
+    const Owned<SimpleSamplePacket> packet(new SimpleSamplePacket);
     packet->setAndCopy(PacketType::Audio, bytes.data(), 33, 0, 0, false);
     EXPECT_EQ(packet->getLength(), 33);
     for (int i = 0; i < SimpleSamplePacket::Padding; ++i) {
         EXPECT_EQ(packet->getBuffer()[33 + i], 0) << "padding byte " << i;
     }
-    packet->release();
 }
 
 TEST(SimpleSamplePacket, PaddingServesFFmpegsBitReaders)
@@ -107,7 +115,7 @@ TEST(SimpleSamplePacket, PaddingServesFFmpegsBitReaders)
 TEST(SimpleSamplePacket, SetAndCopyGoesThroughTheVirtualSet)
 {
     const auto bytes = countingBytes(8);
-    auto* packet = new WatchedPacket;
+    const Owned<WatchedPacket> packet(new WatchedPacket);
     packet->setAndCopy(PacketType::Audio, bytes.data(), 8, 1, 2, false);
     EXPECT_EQ(packet->sets, 1);
     EXPECT_EQ(packet->lastData, packet->getBuffer());
@@ -115,12 +123,11 @@ TEST(SimpleSamplePacket, SetAndCopyGoesThroughTheVirtualSet)
     packet->setAndCopy(PacketType::Audio, nullptr, 5, 1, 2, false);
     EXPECT_EQ(packet->sets, 2);
     EXPECT_EQ(packet->lastData, nullptr);
-    packet->release();
 }
 
 TEST(SimpleSamplePacket, SetAndCopyOfNullGivesNoBufferAndTheGivenLength)
 {
-    auto* packet = new SimpleSamplePacket;
+    const Owned<SimpleSamplePacket> packet(new SimpleSamplePacket);
     packet->setAndCopy(PacketType::Metadata, nullptr, 77, 9, 10, true);
     EXPECT_EQ(packet->getBuffer(), nullptr);
     EXPECT_EQ(packet->getLength(), 77);
@@ -128,44 +135,40 @@ TEST(SimpleSamplePacket, SetAndCopyOfNullGivesNoBufferAndTheGivenLength)
     EXPECT_EQ(packet->getTimestamp(), 9U);
     EXPECT_EQ(packet->getDuration(), 10U);
     EXPECT_TRUE(packet->isKeyFrame());
-    packet->release();
 }
 
 TEST(SimpleSamplePacket, SetAndCopyOfNothingGivesAPaddedBuffer)
 {
     const unsigned char byte = 7;
-    auto* packet = new SimpleSamplePacket;
+    const Owned<SimpleSamplePacket> packet(new SimpleSamplePacket);
     packet->setAndCopy(PacketType::Audio, &byte, 0, 0, 0, false);
     ASSERT_NE(packet->getBuffer(), nullptr);
     EXPECT_EQ(packet->getLength(), 0);
     EXPECT_EQ(packet->getBuffer()[0], 0);
-    packet->release();
 }
 
 TEST(SimpleSamplePacket, SetAndCopyOfNegativeLengthReadsNothing)
 {
     const unsigned char byte = 7;
-    auto* packet = new SimpleSamplePacket;
+    const Owned<SimpleSamplePacket> packet(new SimpleSamplePacket);
     packet->setAndCopy(PacketType::Audio, &byte, -1, 0, 0, false);
     ASSERT_NE(packet->getBuffer(), nullptr);
     EXPECT_EQ(packet->getBuffer()[0], 0);
-    packet->release();
 }
 
 TEST(SimpleSamplePacket, SetAndCopyTakesThePacketsOwnBytes)
 {
     const auto bytes = countingBytes(64);
-    auto* packet = new SimpleSamplePacket;
+    const Owned<SimpleSamplePacket> packet(new SimpleSamplePacket);
     packet->setAndCopy(PacketType::Audio, bytes.data(), 64, 0, 0, false);
     packet->setAndCopy(PacketType::Audio, packet->getBuffer(), 64, 1, 0, false);
     EXPECT_TRUE(std::equal(bytes.begin(), bytes.end(), packet->getBuffer()));
-    packet->release();
 }
 
 TEST(SimpleSamplePacket, SetTakesTheArrayWithoutACopy)
 {
     auto* data = new unsigned char[4]{1, 2, 3, 4};
-    auto* packet = new SimpleSamplePacket;
+    const Owned<SimpleSamplePacket> packet(new SimpleSamplePacket);
     packet->set(PacketType::Multiplexed, data, 4, 5, 6, true);
     EXPECT_EQ(packet->getBuffer(), data);
     EXPECT_EQ(packet->getLength(), 4);
@@ -173,19 +176,17 @@ TEST(SimpleSamplePacket, SetTakesTheArrayWithoutACopy)
     EXPECT_EQ(packet->getTimestamp(), 5U);
     EXPECT_EQ(packet->getDuration(), 6U);
     EXPECT_TRUE(packet->isKeyFrame());
-    packet->release();
 }
 
 TEST(SimpleSamplePacket, SetOnAFullPacketFreesTheOldBuffer)
 {
-    auto* packet = new SimpleSamplePacket;
+    const Owned<SimpleSamplePacket> packet(new SimpleSamplePacket);
     packet->set(PacketType::Audio, new unsigned char[1000], 1000, 0, 0, false);
     const long long withOneBuffer = liveArrays();
     packet->set(PacketType::Audio, new unsigned char[1000], 1000, 0, 0, false);
     EXPECT_EQ(liveArrays(), withOneBuffer);
     packet->set(PacketType::None, nullptr, 0, 0, 0, false);
     EXPECT_LT(liveArrays(), withOneBuffer);
-    packet->release();
 }
 
 TEST(SimpleSamplePacket, ReleaseOfTheLastReferenceFreesBufferAndPacket)
@@ -217,11 +218,10 @@ TEST(SimpleSamplePacket, EachRetainNeedsARelease)
 
 TEST(SimpleSamplePacket, TimesCanBeChangedThroughTheInterface)
 {
-    SamplePacket* packet = new SimpleSamplePacket;
+    const Owned<SamplePacket> packet(new SimpleSamplePacket);
     packet->setTimestamp(SamplePacket::NoTimestamp);
     unsigned long long duration = 20000;
     packet->setDuration(duration);
     EXPECT_EQ(packet->getTimestamp(), 0x8000000000000000ULL);
     EXPECT_EQ(packet->getDuration(), 20000U);
-    packet->release();
 }
