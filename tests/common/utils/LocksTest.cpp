@@ -42,13 +42,23 @@ TEST(Locks, GuardHoldsTheMutexForItsScope)
 TEST(Locks, GuardThatIsUnlockedDoesNotUnlockAgain)
 {
     PMutex mutex;
+    PCondMutex event;
+    bool locked = false;
+    bool released = false;
+    std::thread other;
     {
-        PMutexGuard outer(mutex);
-        outer.unlock();
-        std::thread([&mutex]() ZEL_NO_THREAD_SAFETY_ANALYSIS { mutex.lock(); }).join();
+        PMutexGuard guard(mutex);
+        guard.unlock();
+        other = std::thread([&] {
+            PMutexGuard theirs(mutex);
+            event.signal(locked);
+            event.wait(released);
+        });
+        event.wait(locked);
     }
     EXPECT_FALSE(isFree(mutex));
-    mutex.unlock();
+    event.signal(released);
+    other.join();
 }
 
 TEST(Locks, RecursiveMutexIsFreeAfterTheLastUnlock)
