@@ -51,7 +51,8 @@ std::size_t countOf(std::string_view text, std::string_view word)
 /// @return null when it isn't a dictionary
 Tree parseTree(std::string_view text)
 {
-    if (text.empty() || text.size() > maxFileSize ||
+    // The library ends the process when it meets a NUL in a key or a text.
+    if (text.empty() || text.size() > maxFileSize || text.find('\0') != std::string_view::npos ||
         countOf(text, "<array") + countOf(text, "<dict") > maxContainers) {
         return Tree();
     }
@@ -125,6 +126,25 @@ Values valuesOf(plist_t dictionary)
             values[key.get()] = valueOf(node);
         }
     }
+}
+
+/// @param tree  a dictionary; null stands for an empty one
+/// @return the whole file, empty on failure
+std::string textWith(Tree tree, const CStdStr<char>& name, const Value& value)
+{
+    plist_t node = std::visit(NodeMaker(), value);
+    if (node == nullptr) {
+        return std::string();
+    }
+    if (!tree) {
+        tree.reset(plist_new_dict());
+    }
+    plist_dict_set_item(tree.get(), name.c_str(), node);
+    char* xml = nullptr;
+    uint32_t length = 0;
+    plist_to_xml(tree.get(), &xml, &length);
+    const Memory<char> owner(xml);
+    return xml != nullptr ? std::string(xml, length) : std::string();
 }
 
 enum class Content
@@ -285,6 +305,12 @@ private:
 
 } // namespace
 
+std::string withValue(const char* data, std::size_t size, const CStdStr<char>& name,
+                      const Value& value)
+{
+    return textWith(parseTree(std::string_view(data, size)), name, value);
+}
+
 std::shared_ptr<const Values> parse(const char* data, std::size_t size)
 {
     const Tree tree = parseTree(std::string_view(data, size));
@@ -320,7 +346,7 @@ std::shared_ptr<const Values> read(const CStdStr<char>& domain)
 bool write(const CStdStr<char>& domain, const CStdStr<char>& name, const Value& value)
 {
     const CStdStr<char> folder = places::preferences();
-    if (std::holds_alternative<std::monostate>(value) || !places::makeFolders(folder, 0700)) {
+    if (!places::makeFolders(folder, 0700)) {
         return false;
     }
     const CStdStr<char> path = filePath(domain);
@@ -336,28 +362,15 @@ bool write(const CStdStr<char>& domain, const CStdStr<char>& name, const Value& 
     if (content == Content::Failed) {
         return false;
     }
-    Tree tree;
-    if (content == Content::Complete) {
-        tree = parseTree(text);
-    }
-    const bool unreadable = content != Content::Absent && !tree;
-    if (!tree) {
-        tree.reset(plist_new_dict());
-    }
-    plist_dict_set_item(tree.get(), name.c_str(), std::visit(NodeMaker(), value));
-
-    char* rawXml = nullptr;
-    uint32_t length = 0;
-    plist_to_xml(tree.get(), &rawXml, &length);
-    const Memory<char> xml(rawXml);
-    if (!xml || length > maxFileSize) {
+    Tree tree = content == Content::Complete ? parseTree(text) : Tree();
+    const bool readable = static_cast<bool>(tree);
+    const std::string changed = textWith(std::move(tree), name, value);
+    if (changed.empty() || changed.size() > maxFileSize) {
         return false;
     }
     const CStdStr<char> newPath = path + ".new";
-    const bool readable = content == Content::Complete && !unreadable;
-    bool done =
-        writeBeside(newPath, std::string_view(xml.get(), length), readable ? &status : nullptr);
-    if (done && unreadable) {
+    bool done = writeBeside(newPath, changed, readable ? &status : nullptr);
+    if (done && !readable && content != Content::Absent) {
         rename(path.c_str(), (path + ".unreadable").c_str());
     }
     done = done && rename(newPath.c_str(), path.c_str()) == 0;

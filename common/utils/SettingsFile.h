@@ -39,6 +39,11 @@ bool write(const CStdStr<char>& domain, const CStdStr<char>& name, const Value& 
 /// @return null when `data` isn't a property list in XML with a dictionary at its top
 std::shared_ptr<const Values> parse(const char* data, std::size_t size);
 
+/// @return a file like `data`, or a new one if that cannot be read, with one value changed; empty
+///         on failure
+std::string withValue(const char* data, std::size_t size, const CStdStr<char>& name,
+                      const Value& value);
+
 /// Path of a domain's file. Everything but letters, digits and "._-" is percent-encoded, so that
 /// no domain reaches out of the folder.
 CStdStr<char> filePath(const CStdStr<char>& domain);

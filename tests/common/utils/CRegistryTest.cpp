@@ -384,6 +384,19 @@ TEST_F(CRegistryTest, DeeplyNestedFileIsNotRead)
     EXPECT_EQ(number("n", 0), 0);
 }
 
+TEST_F(CRegistryTest, FileWithNulBytesIsNotRead)
+{
+    for (const char* body : {"<key>n</key><integer>1</integer><key>t</key><string>a@b</string>",
+                             "<key>n</key><integer>1</integer><key>a@b</key><string>t</string>"}) {
+        std::string bytes = plistOf(body);
+        bytes[bytes.find('@')] = '\0';
+        zel::test::writeFile(configFile(), bytes);
+        EXPECT_EQ(number("n", 0), 0);
+        EXPECT_TRUE(m_registry->WriteSettingImpl(config, "n", 2));
+        EXPECT_EQ(number("n", 0), 2);
+    }
+}
+
 TEST_F(CRegistryTest, NamedPipeInPlaceOfTheFileDoesNotBlock)
 {
     ASSERT_EQ(mkfifo(configFile().c_str(), 0666), 0);
