@@ -4,8 +4,8 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <string_view>
 #include <utility>
-#include <vector>
 
 namespace zel::host {
 
@@ -17,30 +17,32 @@ class HeaderBytes
 public:
     HeaderBytes& tag(const char* name)
     {
-        m_bytes.insert(m_bytes.end(), name, name + 4);
+        m_bytes.append(name, 4);
         return *this;
     }
     HeaderBytes& u16(unsigned int value) { return number(value, 2); }
     HeaderBytes& u32(unsigned long long value) { return number(value, 4); }
-    HeaderBytes& bytes(std::initializer_list<unsigned char> values)
+    HeaderBytes& raw(std::string_view bytes)
     {
-        m_bytes.insert(m_bytes.end(), values);
+        m_bytes.append(bytes);
         return *this;
     }
-    const std::vector<unsigned char>& get() const { return m_bytes; }
+    const std::string& get() const { return m_bytes; }
 
 private:
     HeaderBytes& number(unsigned long long value, int size)
     {
         for (int i = 0; i < size; ++i)
-            m_bytes.push_back(static_cast<unsigned char>(value >> (8 * i)));
+            m_bytes.push_back(static_cast<char>(value >> (8 * i)));
         return *this;
     }
 
-    std::vector<unsigned char> m_bytes;
+    std::string m_bytes;
 };
 
 constexpr unsigned int PcmTag = 1;
+// A sub-format is a tag followed by these bytes.
+constexpr std::string_view RestOfPcmGuid("\0\0\0\0\x10\0\x80\0\0\xAA\0\x38\x9B\x71", 14);
 constexpr unsigned int ExtensibleTag = 0xFFFE;
 constexpr unsigned long long UnknownSize = 0xFFFFFFFFULL;
 // "WAVE" and the chunks before the samples: 12 + 48 + 8 bytes less the 8 of the RIFF header itself.
@@ -170,7 +172,7 @@ void WavWriter::writeHeader(unsigned long long dataSize)
     if (extensible) {
         header.u16(22).u16(static_cast<unsigned int>(m_format.bits));
         header.u32(speakerMask(m_format.channels)).u16(PcmTag);
-        header.bytes({0, 0, 0, 0, 0x10, 0, 0x80, 0, 0, 0xAA, 0, 0x38, 0x9B, 0x71});
+        header.raw(RestOfPcmGuid);
     }
     header.tag("data").u32(known ? dataSize : UnknownSize);
     writeBytes(header.get().data(), header.get().size());
