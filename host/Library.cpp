@@ -41,7 +41,8 @@ std::string findLibrary(const std::string& path)
 Library::Library(const std::string& path)
 {
     const std::string file = findLibrary(path);
-    void* handle = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
+    // Lazily: the library brings a hundred others along, and few of their functions are called.
+    void* handle = dlopen(file.c_str(), RTLD_LAZY | RTLD_LOCAL);
     if (handle == nullptr)
         throw HostError(dlerror());
     m_inputFactory = reinterpret_cast<InputFactory>(dlsym(handle, "InputPluginFactory"));

@@ -42,6 +42,11 @@ bool isType(const AVStream* stream, AVMediaType type)
     return stream->codecpar->codec_type == type && !isCover(stream);
 }
 
+bool isPictureKnown(const AVCodecContext* codec)
+{
+    return codec->width > 0 && codec->height > 0 && codec->pix_fmt != AV_PIX_FMT_NONE;
+}
+
 /// MPEG audio layers have decoders for integers and for floats; the integer ones have the plain
 /// name.
 const AVCodec* findDecoder(AVCodecID id)
@@ -143,8 +148,12 @@ void FFMpegDecoderCore::openDecoders(std::vector<StreamEntry>& entries, bool& ha
         if (decoder != nullptr) {
             hasVideo = hasVideo || decoder->type == AVMEDIA_TYPE_VIDEO;
             hasAudio = hasAudio || decoder->type == AVMEDIA_TYPE_AUDIO;
-            entries[i] = {decoder, initFormatNeedsDecoding() ||
-                                       stream->codecpar->codec_id == AV_CODEC_ID_MPEG1VIDEO};
+            const bool isUncertain =
+                initFormatNeedsDecoding() || stream->codecpar->codec_id == AV_CODEC_ID_MPEG1VIDEO;
+            // Pictures were decoded already to find the stream's format, and doing it again costs
+            // more than all the rest of opening. Audio is different: what a decoder makes of an
+            // AAC stream shows only in its output.
+            entries[i] = {decoder, isUncertain && !isPictureKnown(m_codecs[i].get())};
         }
         if (isType(stream, AVMEDIA_TYPE_DATA)) {
             CBBLog::info("FFMpegDecoderCore::initFormatStreams: found metadata stream %d %d",
@@ -202,7 +211,7 @@ bool FFMpegDecoderCore::probe(std::vector<StreamEntry>& entries, bool hasAudio, 
             continue;
         }
         const auto index = static_cast<std::size_t>(m_readPacket->stream_index);
-        if (index < entries.size() && entries[index].decoder != nullptr) {
+        if (index < entries.size() && entries[index].needsDecoding) {
             probePacket(*m_readPacket, entries[index]);
         }
         if (!canSeek) {
@@ -244,8 +253,7 @@ bool FFMpegDecoderCore::streamsReady(bool hasAudio, bool hasVideo,
             audioKnown =
                 audioKnown || (codec->sample_rate >= 1 && codec->ch_layout.nb_channels >= 1);
         } else if (isType(m_formatContext->streams[i], AVMEDIA_TYPE_VIDEO)) {
-            videoKnown = videoKnown || (codec->width > 0 && codec->height > 0 &&
-                                        codec->pix_fmt != AV_PIX_FMT_NONE);
+            videoKnown = videoKnown || isPictureKnown(codec);
         }
     }
     if (!audioKnown && hasAudio) {
