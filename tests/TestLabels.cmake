@@ -64,6 +64,7 @@ function(zel_discover_group target group filter)
     endforeach()
     gtest_discover_tests(${target}
         TEST_FILTER "${filter}"
+        NO_PRETTY_VALUES
         TEST_LIST zel_tests_${group}
         DISCOVERY_TIMEOUT 120)
     set(ZEL_GROUP ${group})

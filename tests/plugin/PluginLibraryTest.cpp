@@ -79,7 +79,6 @@ TEST_F(PluginLibrary, NullNameCountsAsEmptyAndGivesNull)
     EXPECT_FALSE(hasStage(""));
 }
 
-#if __has_include("input/FFMpegInput.h")
 TEST_F(PluginLibrary, EachCallGivesANewInput)
 {
     const std::unique_ptr<InputPluginInterface> first(m_input());
@@ -89,7 +88,6 @@ TEST_F(PluginLibrary, EachCallGivesANewInput)
     EXPECT_NE(first, second);
     EXPECT_FALSE(first->isSingleInstance());
 }
-#endif
 
 TEST_F(PluginLibrary, StaysLoadedAfterTheLastClose)
 {

@@ -35,7 +35,6 @@ def main():
     parser = argparse.ArgumentParser()
     for name in ("cmake", "compiler", "build", "source", "folder"):
         parser.add_argument(f"--{name}", type=Path, required=True)
-    parser.add_argument("--input", action="store_true", help="the factory has an input to give")
     options = parser.parse_args()
 
     # The installed folder is moved once, which shows that nothing in it names its first place.
@@ -59,7 +58,7 @@ def main():
     run(options.cmake, "-S", options.source / "tests/sdk/host", "-B", host, "-G", "Ninja",
         f"-DCMAKE_PREFIX_PATH={prefix}", f"-DCMAKE_CXX_COMPILER={options.compiler}")
     run(options.cmake, "--build", host)
-    run(host / "outside-host", *(["--input"] if options.input else []), cwd=host)
+    run(host / "outside-host", cwd=host)
 
 
 if __name__ == "__main__":
