@@ -35,7 +35,8 @@ bool understandsControlSequences()
 } // namespace
 
 Console::Console(const std::string& logTarget)
-    : m_out(nullptr), m_hasTerminal(understandsControlSequences())
+    : m_out(nullptr), m_hasTerminal(understandsControlSequences()),
+      m_logsToTerminal(logTarget == "-")
 {
     const int aside = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, FirstFreeDescriptor);
     if (aside < 0)
@@ -59,6 +60,11 @@ Console::Console(const std::string& logTarget)
 Console::~Console()
 {
     std::fclose(m_out);
+}
+
+bool Console::canDraw(bool printsFrames) const
+{
+    return m_hasTerminal && !m_logsToTerminal && !(printsFrames && isatty(fileno(m_out)) == 1);
 }
 
 int Console::columns() const

@@ -23,8 +23,9 @@ public:
 
     /// The real standard output, fully buffered unless it is a terminal.
     FILE* out() const { return m_out; }
-    /// True when standard error is a terminal that understands control sequences.
-    bool hasTerminal() const { return m_hasTerminal; }
+    /// True when standard error is a terminal where a line can be drawn again and again, and where
+    /// neither log lines nor, if `printsFrames`, standard output would come between.
+    bool canDraw(bool printsFrames) const;
     /// Columns of that terminal.
     int columns() const;
     /// Writes all that is buffered.
@@ -32,8 +33,9 @@ public:
     void flush();
 
 private:
-    FILE* m_out; ///< owned
-    bool m_hasTerminal;
+    FILE* m_out;        ///< owned
+    bool m_hasTerminal; ///< standard error understands control sequences
+    bool m_logsToTerminal;
 };
 
 } // namespace zel::host

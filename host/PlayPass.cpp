@@ -41,7 +41,7 @@ PlayPass::PlayPass(const PlayOptions& options, Console& console, StopSignal& sto
                    const FrameSinks& sinks, Clock::time_point processStart)
     : m_options(options), m_stop(stop), m_input(input), m_sinks(sinks),
       m_processStart(processStart), m_statistics(!options.keyFrames), m_pacer(stop),
-      m_progress(console, lengthUs(options, input))
+      m_progress(console, console.canDraw(options.printsFrames()), lengthUs(options, input))
 {
 }
 

@@ -40,9 +40,9 @@ std::string repeated(const char* text, int count)
 
 } // namespace
 
-ProgressBar::ProgressBar(const Console& console, long long lengthUs)
-    : m_console(console), m_enabled(console.hasTerminal()), m_blocks(isUtf8Locale()),
-      m_lengthUs(lengthUs), m_started(Clock::now())
+ProgressBar::ProgressBar(const Console& console, bool enabled, long long lengthUs)
+    : m_console(console), m_enabled(enabled), m_blocks(isUtf8Locale()), m_lengthUs(lengthUs),
+      m_started(Clock::now())
 {
 }
 

@@ -13,8 +13,9 @@ namespace zel::host {
 class ProgressBar
 {
 public:
+    /// @param enabled   false draws nothing
     /// @param lengthUs  of the whole; 0 when unknown, which shows the position without a bar
-    ProgressBar(const Console& console, long long lengthUs);
+    ProgressBar(const Console& console, bool enabled, long long lengthUs);
     ~ProgressBar() { clear(); }
     ProgressBar(const ProgressBar&) = delete;
     ProgressBar& operator=(const ProgressBar&) = delete;

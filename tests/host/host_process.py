@@ -125,12 +125,16 @@ class HostTest(unittest.TestCase):
         for part in parts:
             self.assertIn(part, text)
 
-    def run_on_terminal(self, *arguments):
-        """Runs with standard error on a terminal of 100 columns; answers (status, stdout, stderr)."""
+    def run_on_terminal(self, *arguments, all_output=False):
+        """Runs with standard error, or all output, on a terminal of 100 columns.
+
+        Answers (status, standard output, what the terminal got).
+        """
         master, slave = pty.openpty()
         fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack('HHHH', 30, 100, 0, 0))
         with open(self.path('stdout'), 'w+b') as out:
-            process = self.start_host(*arguments, stdout=out, stderr=slave)
+            process = self.start_host(*arguments, stdout=slave if all_output else out,
+                                      stderr=slave)
             os.close(slave)
             shown = b''
             while True:

@@ -353,6 +353,14 @@ class Terminal(HostTest):
         _, _, shown = self.run_on_terminal('play', fake(*steps_of_a_second()))
         self.assertEqual(shown, '')
 
+    def test_none_between_lines_that_go_to_the_same_terminal(self):
+        medium = fake(*steps_of_a_second())
+        for arguments in (['--framemd5'], ['--log', '-']):
+            _, _, shown = self.run_on_terminal('play', medium, *arguments, all_output=True)
+            self.assertNotIn('\x1b', shown)
+        _, _, shown = self.run_on_terminal('play', medium, all_output=True)
+        self.assertIn('\x1b', shown)
+
     def test_none_in_a_pipe(self):
         done = self.run_host('play', fake(*steps_of_a_second()))
         self.assertEqual(done.stderr, '')
