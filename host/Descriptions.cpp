@@ -141,8 +141,15 @@ std::string jsonText(const Json& value)
 std::string printable(std::string_view text)
 {
     std::string result(text);
-    const auto isControl = [](char c) { return static_cast<unsigned char>(c) < ' ' || c == 127; };
-    std::replace_if(result.begin(), result.end(), isControl, ' ');
+    for (size_t i = 0; i < result.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(result[i]);
+        if (byte < ' ' || byte == 127)
+            result[i] = ' ';
+        // The second set of control characters, in UTF-8: 0xC2 and a byte below 0xA0.
+        const bool pair = byte == 0xC2 && i + 1 < result.size();
+        if (pair && static_cast<unsigned char>(result[i + 1]) < 0xA0)
+            result.replace(i, 2, "  ");
+    }
     return result;
 }
 

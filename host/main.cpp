@@ -1,4 +1,5 @@
 #include "host/Console.h"
+#include "host/Descriptions.h"
 #include "host/HostError.h"
 #include "host/PlayCommand.h"
 #include "host/ProbeCommand.h"
@@ -196,7 +197,7 @@ int run(const CommandLine& line, std::chrono::steady_clock::time_point start)
         else
             play(line.play, console, stop, start);
     } catch (const HostError& error) {
-        std::fprintf(stderr, "zel-host: %s\n", error.what());
+        std::fprintf(stderr, "zel-host: %s\n", printable(error.what()).c_str());
         failed = 1;
     }
     return stop.isRequested() ? stop.exitStatus() : failed;

@@ -79,9 +79,14 @@ class Counts(HostTest):
         self.assertIn('title "Song"', self.run_host('play', medium).stdout)
 
     def test_metadata_cannot_send_control_sequences_to_a_terminal(self):
-        done = self.run_host('play', fake('video 0 40000', 'metadata title \x1b[2Jx'))
+        done = self.run_host('play', fake('video 0 40000', 'metadata title \x1b[2Jx\x9b2Jé'))
         self.assertNotIn('\x1b', done.stdout)
-        self.assertIn('[2Jx', done.stdout)
+        self.assertNotIn('\x9b', done.stdout)
+        self.assertIn('[2Jx  2Jé', done.stdout)
+
+    def test_name_of_several_lines_still_gives_one(self):
+        done = self.run_host('play', fake('openfails 2 No', 'say\nx'), status=1)
+        self.assert_one_line(done.stderr, 'say x')
 
     def test_text_that_is_no_utf_8_still_gives_valid_json(self):
         medium = os.fsencode(fake('video 0 40000', 'metadata title ')) + b'\xff\xfe'
