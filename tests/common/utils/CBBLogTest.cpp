@@ -1,17 +1,20 @@
 #include "common/utils/CBBLog.h"
 
 #include "common/utils/CRegistry.h"
+#include "common/utils/FileHandle.h"
 #include "tests/common/utils/UtilsChildProcess.h"
 #include "tests/support/TempFolder.h"
 
 #include <atomic>
 #include <cerrno>
+#include <fcntl.h>
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <set>
 #include <sstream>
 #include <string>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -25,6 +28,17 @@ using testing::MatchesRegex;
 constexpr long long plenty = 524288;
 
 using LogPointer = boost::shared_ptr<CBBLog>;
+
+/// The texts of lines "HEADER - TEXT".
+std::vector<std::string> textsOf(const std::string& lines)
+{
+    std::vector<std::string> texts;
+    std::istringstream stream(lines);
+    for (std::string line; std::getline(stream, line);) {
+        texts.push_back(line.substr(line.find(" - ") + 3));
+    }
+    return texts;
+}
 
 /// Gives each test folders of its own, keeps standard output away from the test's report, and
 /// leaves no current log behind.
@@ -48,6 +62,13 @@ protected:
 
     std::string path(const std::string& name) const { return m_places.logs() + "/" + name; }
     std::string file(const std::string& name) const { return zel::test::readFile(path(name)); }
+    /// For lines that the log's thread writes while the test goes on.
+    void waitForLines(const std::string& name, std::size_t count) const
+    {
+        while (textsOf(file(name) + file(name + ".back")).size() < count) {
+            std::this_thread::yield();
+        }
+    }
     static void setLevel(int level)
     {
         CRegistry::getInstance()->WriteSettingImpl(CRegistry::zelSection, "LogLevel", level);
@@ -88,17 +109,6 @@ std::string levelsIn(const std::string& text)
         }
     }
     return found;
-}
-
-/// The texts of lines "HEADER - TEXT".
-std::vector<std::string> textsOf(const std::string& lines)
-{
-    std::vector<std::string> texts;
-    std::istringstream stream(lines);
-    for (std::string line; std::getline(stream, line);) {
-        texts.push_back(line.substr(line.find(" - ") + 3));
-    }
-    return texts;
 }
 
 const std::string timePattern = "[0-9]{4}/[0-9]{2}/[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}";
@@ -574,18 +584,59 @@ TEST_F(CBBLogTest, OneOfTwoSharersRenamesAndTheOtherOpensTheNewFile)
     // The first line of each opens the files; with the level at error nothing else is queued.
     first._fatal("opens");
     second._fatal("opens");
-    const auto waitForLines = [this](std::size_t count) {
-        while (textsOf(file("a.log") + file("a.log.back")).size() < count) {
-            std::this_thread::yield();
-        }
-    };
-    waitForLines(2);
+    waitForLines("a.log", 2);
     fs::resize_file(path("a.log"), 0);
     first.logLineToFile(std::string(120, 'x') + "\n");
     second.logLineToFile("second renames\n");
     first.logLineToFile("first follows\n");
     EXPECT_EQ(file("a.log.back"), std::string(120, 'x') + "\n");
     EXPECT_EQ(file("a.log"), "second renames\nfirst follows\n");
+}
+
+TEST_F(CBBLogTest, FileThatAnotherProcessPutInPlaceIsContinued)
+{
+    CBBLog log("a.log", false, plenty);
+    log._fatal("opens");
+    waitForLines("a.log", 1);
+    fs::rename(path("a.log"), path("a.log.back"));
+    zel::test::writeFile(path("a.log"), "new\n");
+    log.logLineToFile("follows\n");
+    EXPECT_EQ(file("a.log"), "new\nfollows\n");
+    EXPECT_EQ(textsOf(file("a.log.back")), std::vector<std::string>{"a - opens"});
+}
+
+TEST_F(CBBLogTest, WaiterForTheRotationLockFindsTheFileAlreadyRotated)
+{
+    fs::create_directories(m_places.logs());
+    CBBLog log("a.log", false, 100);
+    log._fatal("opens");
+    waitForLines("a.log", 1);
+    zel::test::writeFile(path("a.log"), std::string(120, 'x') + "\n");
+    struct stat status = {};
+    ASSERT_EQ(stat(path("a.log").c_str(), &status), 0);
+
+    // This test is the other process: it has the lock and rotates.
+    zel::FileHandle held(open(path("a.log").c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(flock(held.get(), LOCK_EX), 0);
+    const std::string waiting = ":" + std::to_string(status.st_ino) + " 0 EOF";
+    if (zel::test::readFile("/proc/locks").find(waiting) == std::string::npos) {
+        GTEST_SKIP() << "this machine does not list its file locks";
+    }
+    std::thread writer([&log] { log.logLineToFile("follows\n"); });
+    for (bool waits = false; !waits; std::this_thread::yield()) {
+        // "1: -> FLOCK  ADVISORY  WRITE PROCESS MAJOR:MINOR:INODE 0 EOF"
+        std::istringstream locks(zel::test::readFile("/proc/locks"));
+        for (std::string line; std::getline(locks, line) && !waits;) {
+            waits = line.find("-> FLOCK") != std::string::npos &&
+                    line.find(waiting) != std::string::npos;
+        }
+    }
+    fs::rename(path("a.log"), path("a.log.back"));
+    zel::test::writeFile(path("a.log"), "new\n");
+    held.close();
+    writer.join();
+    EXPECT_EQ(file("a.log"), "new\nfollows\n");
+    EXPECT_EQ(file("a.log.back"), std::string(120, 'x') + "\n");
 }
 
 TEST_F(CBBLogTest, TwoProcessesShareAndRotateOneFileWithoutLosingALine)
