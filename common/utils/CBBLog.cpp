@@ -111,10 +111,6 @@ void CBBLog::publishLevel()
 
 boost::shared_ptr<CBBLog> CBBLog::current(LOGLEVEL level)
 {
-    // The threshold may still be that of a log that has ended, so it only ever spares the look-up.
-    if (s_threshold.load(std::memory_order_acquire) < level) {
-        return boost::shared_ptr<CBBLog>();
-    }
     boost::shared_ptr<CBBLog> log;
     {
         PMutexGuard guard(s_instanceLock);
@@ -136,6 +132,9 @@ void CBBLog::logCurrent(LOGLEVEL level, const char* format, va_list arguments)
 
 void CBBLog::logCurrent(LOGLEVEL level, const boost::format& text)
 {
+    if (!mayPass(level)) {
+        return;
+    }
     const boost::shared_ptr<CBBLog> log = current(level);
     if (log) {
         log->_AddLog(text, level);
@@ -144,6 +143,9 @@ void CBBLog::logCurrent(LOGLEVEL level, const boost::format& text)
 
 void CBBLog::debug(const char* format, ...)
 {
+    if (!mayPass(LOGLEVEL_DEBUG)) {
+        return;
+    }
     va_list arguments;
     va_start(arguments, format);
     logCurrent(LOGLEVEL_DEBUG, format, arguments);
@@ -152,6 +154,9 @@ void CBBLog::debug(const char* format, ...)
 
 void CBBLog::info(const char* format, ...)
 {
+    if (!mayPass(LOGLEVEL_INFO)) {
+        return;
+    }
     va_list arguments;
     va_start(arguments, format);
     logCurrent(LOGLEVEL_INFO, format, arguments);
@@ -160,6 +165,9 @@ void CBBLog::info(const char* format, ...)
 
 void CBBLog::warn(const char* format, ...)
 {
+    if (!mayPass(LOGLEVEL_WARN)) {
+        return;
+    }
     va_list arguments;
     va_start(arguments, format);
     logCurrent(LOGLEVEL_WARN, format, arguments);
@@ -168,6 +176,9 @@ void CBBLog::warn(const char* format, ...)
 
 void CBBLog::error(const char* format, ...)
 {
+    if (!mayPass(LOGLEVEL_ERROR)) {
+        return;
+    }
     va_list arguments;
     va_start(arguments, format);
     logCurrent(LOGLEVEL_ERROR, format, arguments);
@@ -176,6 +187,9 @@ void CBBLog::error(const char* format, ...)
 
 void CBBLog::fatal(const char* format, ...)
 {
+    if (!mayPass(LOGLEVEL_FATAL)) {
+        return;
+    }
     va_list arguments;
     va_start(arguments, format);
     logCurrent(LOGLEVEL_FATAL, format, arguments);
@@ -205,21 +219,6 @@ void CBBLog::error(const boost::format& text)
 void CBBLog::fatal(const boost::format& text)
 {
     logCurrent(LOGLEVEL_FATAL, text);
-}
-
-bool CBBLog::isDebugEnabled()
-{
-    return current(LOGLEVEL_DEBUG) != nullptr;
-}
-
-bool CBBLog::isInfoEnabled()
-{
-    return current(LOGLEVEL_INFO) != nullptr;
-}
-
-bool CBBLog::isWarnEnabled()
-{
-    return current(LOGLEVEL_WARN) != nullptr;
 }
 
 // --- one object ---

@@ -76,9 +76,9 @@ public:
     static void fatal(const boost::format& text);
 
     /// To be asked before an expensive text is built. True also while the level is still unknown.
-    static bool isDebugEnabled();
-    static bool isInfoEnabled();
-    static bool isWarnEnabled();
+    static bool isDebugEnabled() { return mayPass(LOGLEVEL_DEBUG) && current(LOGLEVEL_DEBUG); }
+    static bool isInfoEnabled() { return mayPass(LOGLEVEL_INFO) && current(LOGLEVEL_INFO); }
+    static bool isWarnEnabled() { return mayPass(LOGLEVEL_WARN) && current(LOGLEVEL_WARN); }
 
     /// The same as the static functions, on this object.
     void _debug(const char* format, ...) __attribute__((format(printf, 2, 3)));
@@ -99,6 +99,12 @@ private:
     static constexpr int levelUnknown = -1;
 
     bool passes(LOGLEVEL level) const;
+    /// Spares the look-up of the current log. May be true without need, for the threshold stays
+    /// when the current log ends; never false without need.
+    static bool mayPass(LOGLEVEL level)
+    {
+        return s_threshold.load(std::memory_order_acquire) >= level;
+    }
     static boost::shared_ptr<CBBLog> current(LOGLEVEL level);
     static int thresholdOf(int logLevel);
     static void logCurrent(LOGLEVEL level, const char* format, va_list arguments)

@@ -283,6 +283,8 @@ TEST(Locks, GuardThatCouldNotLockDoesNotUnlock)
         [&lock] {
             PWriteGuard inner(lock);
             EXPECT_FALSE(inner.locked());
+        }();
+        [&lock] {
             PReadGuard reader(lock);
             EXPECT_FALSE(reader.locked());
         }();
