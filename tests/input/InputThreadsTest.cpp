@@ -208,7 +208,7 @@ class InputThreads : public testing::TestWithParam<RandomRun>
 {
 protected:
     static constexpr int Callers = 3;
-    static constexpr int CallsEach = 200;
+    static constexpr int CallsEach = 400;
 
     static std::unique_ptr<InputPluginInterface> makeInput(bool fromLibrary)
     {
