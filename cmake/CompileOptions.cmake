@@ -11,7 +11,9 @@ function(zel_target name)
         $<$<CONFIG:Release>:-O3>)
     if(ZEL_SANITIZER)
         target_compile_options(${name} PRIVATE
-            -fsanitize=${ZEL_SANITIZER} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+            -fsanitize=${ZEL_SANITIZER} -fno-sanitize-recover=all -fno-omit-frame-pointer
+            # g++ says itself that this warning is unreliable in instrumented code.
+            $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
         target_link_options(${name} PRIVATE -fsanitize=${ZEL_SANITIZER})
     endif()
     if(ZEL_FUZZ)
