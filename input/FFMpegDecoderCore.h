@@ -331,6 +331,7 @@ private:
     bool probe(std::vector<StreamEntry>& entries, bool hasAudio, bool hasVideo);
     void probePacket(const AVPacket& packet, StreamEntry& entry);
     void rewindAfterProbe();
+    int firstStream() const;
     void selectStreams(const std::vector<StreamEntry>& entries);
     bool isTaken(const std::vector<StreamEntry>& entries, unsigned int index);
     bool isBetterStream(const AVStream* candidate, const AVStream* current) const;

@@ -6,6 +6,7 @@
 extern "C" {
 #include <libavutil/cpu.h>
 #include <libavutil/dict.h>
+#include <libavutil/mathematics.h>
 }
 
 #include <algorithm>
@@ -280,9 +281,38 @@ void FFMpegDecoderCore::rewindAfterProbe()
         av_seek_frame(m_formatContext.get(), -1, 0, AVSEEK_FLAG_BYTE);
         return;
     }
-    const int64_t start = m_formatContext->start_time;
-    av_seek_frame(m_formatContext.get(), -1, start == AV_NOPTS_VALUE ? 0 : start,
+    int64_t start = m_formatContext->start_time;
+    const int first = firstStream();
+    if (first >= 0) {
+        start = m_formatContext->streams[first]->start_time;
+    }
+    av_seek_frame(m_formatContext.get(), first, start == AV_NOPTS_VALUE ? 0 : start,
                   AVSEEK_FLAG_BACKWARD);
+}
+
+/// The stream to seek by when all is to be read again, -1 for the demuxer's own choice. It goes by
+/// the video's key frames, and where video begins late it would leave out what others have before.
+int FFMpegDecoderCore::firstStream() const
+{
+    const int usual = av_find_default_stream_index(m_formatContext.get());
+    if (usual < 0) {
+        return -1;
+    }
+    const auto startsBefore = [](const AVStream* stream, const AVStream* other) {
+        return stream->start_time != AV_NOPTS_VALUE && other->start_time != AV_NOPTS_VALUE &&
+               av_compare_ts(stream->start_time, stream->time_base, other->start_time,
+                             other->time_base) < 0;
+    };
+    int first = usual;
+    for (unsigned int i = 0; i < m_formatContext->nb_streams; ++i) {
+        const AVStream* stream = m_formatContext->streams[i];
+        const AVMediaType type = stream->codecpar->codec_type;
+        if ((type == AVMEDIA_TYPE_AUDIO || type == AVMEDIA_TYPE_VIDEO) && !isCover(stream) &&
+            startsBefore(stream, m_formatContext->streams[first])) {
+            first = static_cast<int>(i);
+        }
+    }
+    return first == usual ? -1 : first;
 }
 
 void FFMpegDecoderCore::selectStreams(const std::vector<StreamEntry>& entries)

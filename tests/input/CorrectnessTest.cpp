@@ -157,6 +157,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Combine(testing::Values("h264_aac.mp4", "h264_aac.ts", "h264_aac.mkv", "mpeg2_mp2.mpg",
                                      "mpeg4_mp3.avi", "wmv2_wma2.asf", "h264_aac.flv",
                                      "h264_mp3.avi", "mpeg1_mp2.mpg", "mpeg4_bframes.mp4",
+                                     "late_video.mp4", "late_video.mkv", "late_audio.mkv",
                                      "h264_bpyramid.mkv", "h264_open_gop.mp4", "h264_vfr.mkv",
                                      "h264_444_175x143.mp4", "odd_175x143.avi", "hevc_aac.mp4",
                                      "vp9_opus.webm", "vp8_vorbis.webm", "mjpeg.avi",
