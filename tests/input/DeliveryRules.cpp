@@ -1,5 +1,6 @@
 #include "tests/input/DeliveryRules.h"
 
+#include <algorithm>
 #include <optional>
 #include <utility>
 
@@ -113,6 +114,33 @@ Selection firstStreams(const ProbedMedium& medium)
     }
     selection.isLive = !medium.durationS || *medium.durationS <= 0.0;
     return selection;
+}
+
+Selection bestStreams(const ProbedMedium& medium)
+{
+    Selection selection = firstStreams(medium);
+    const auto at = [&medium](int index) -> const ProbedStream& {
+        return medium.streams[static_cast<std::size_t>(index)];
+    };
+    for (const ProbedStream& stream : medium.streams) {
+        if (stream.type == "video" && !stream.isCover &&
+            stream.width * stream.height > at(selection.video).width * at(selection.video).height) {
+            selection.video = stream.index;
+        } else if (stream.type == "audio" && stream.bitrate > at(selection.audio).bitrate) {
+            selection.audio = stream.index;
+        }
+    }
+    return selection;
+}
+
+int countLeftOut(const ProbedMedium& medium, int stream)
+{
+    return static_cast<int>(std::count_if(
+        medium.packets.begin(), medium.packets.end(), [stream](const ProbedPacket& packet) {
+            return packet.stream == stream && !packet.isDiscarded &&
+                   ((isNegative(packet.dts) && isNegative(packet.pts)) ||
+                    (!packet.dts && !packet.pts));
+        }));
 }
 
 std::vector<ExpectedFrame> expectedDelivery(const ProbedMedium& medium, const Selection& selection)

@@ -26,6 +26,8 @@ struct Selection
 
 /// The first video and audio stream of a medium.
 Selection firstStreams(const ProbedMedium& medium);
+/// The largest video, the audio of the highest bit rate; of equals the first.
+Selection bestStreams(const ProbedMedium& medium);
 
 /// Goes through the packets in the demuxer's order and applies the rules of delivery:
 ///
@@ -37,6 +39,10 @@ Selection firstStreams(const ProbedMedium& medium);
 /// - Each audio packet is one frame; its time never goes back. Vorbis needs two packets for its
 ///   first samples, so that the first packet gives none.
 std::vector<ExpectedFrame> expectedDelivery(const ProbedMedium& medium, const Selection& selection);
+
+/// The number of a stream's packets that lie before the start or have no stamp, without those that
+/// an edit list leaves out anyway.
+int countLeftOut(const ProbedMedium& medium, int stream);
 
 /// A stamp in microseconds: in doubles, truncated.
 unsigned long long microseconds(int64_t stamp, const ProbedStream& stream);

@@ -56,6 +56,7 @@ ProbedStream readStream(const json& object)
     stream.height = object.value("height", 0);
     stream.sampleRate = static_cast<int>(integer(object, "sample_rate").value_or(0));
     stream.channels = object.value("channels", 0);
+    stream.bitrate = integer(object, "bit_rate").value_or(0);
     if (object.contains("disposition")) {
         stream.isCover = object["disposition"].value("attached_pic", 0) != 0;
     }

@@ -22,6 +22,7 @@ struct ProbedStream
     int height = 0;
     int sampleRate = 0;
     int channels = 0;
+    long long bitrate = 0; ///< bits per second
     bool isCover = false;
     std::optional<long long> packetCount; ///< as the container tells it
 };
