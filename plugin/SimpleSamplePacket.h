@@ -75,8 +75,9 @@ protected:
     static std::unique_ptr<unsigned char[]> copyPadded(const unsigned char* data, int length)
     {
         const std::size_t size = static_cast<std::size_t>(std::max(length, 0));
-        auto copy = std::make_unique<unsigned char[]>(size + Padding);
+        auto copy = std::make_unique_for_overwrite<unsigned char[]>(size + Padding);
         std::copy_n(data, size, copy.get());
+        std::fill_n(copy.get() + size, Padding, static_cast<unsigned char>(0));
         return copy;
     }
 
