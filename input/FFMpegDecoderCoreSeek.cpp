@@ -9,22 +9,22 @@ extern "C" {
 bool FFMpegDecoderCore::setPosition(unsigned long long ms)
 {
     const Turn turn(*this);
-    if (!m_formatContext) {
+    if (!m_formatContext || !m_reader) {
         return false;
     }
     CBBLog::debug("FFMpegDecoderCore::setPosition(): %u - duration is %u - file_size is %d",
                   static_cast<unsigned int>(ms), static_cast<unsigned int>(m_duration),
                   static_cast<int>(m_fileSize));
     const unsigned long long targetUs = ms * 1000;
+    if (m_localFile) {
+        m_reader->markPlace();
+    }
     if (!seekMedium(ms, targetUs)) {
         CBBLog::warn("FFMpegDecoderCore::setPosition(): seeking failed, do not reset timestamps");
-        if (m_reader && m_localFile) {
+        if (m_localFile) {
             m_reader->resume();
         }
         return false;
-    }
-    if (m_reader) {
-        m_reader->clear();
     }
     resetWatchdogs();
     m_streamOffset = targetUs;
@@ -38,7 +38,6 @@ bool FFMpegDecoderCore::setPosition(unsigned long long ms)
 /// Moves the demuxer. `ms` becomes 1 where 0 stands for the first byte of a file of known length.
 bool FFMpegDecoderCore::seekMedium(unsigned long long& ms, unsigned long long targetUs)
 {
-    AVFormatContext* context = m_formatContext.get();
     const unsigned long long durationMs = m_duration;
     if (durationMs > 0 && m_fileSize > 0) {
         ms = ms == 0 ? 1 : ms;
@@ -51,7 +50,7 @@ bool FFMpegDecoderCore::seekMedium(unsigned long long& ms, unsigned long long ta
             CBBLog::debug("FFMpegDecoderCore::setPosition(): av_seek_frame (bytepos = %u, "
                           "flag=AVSEEK_FLAG_BYTE)",
                           static_cast<unsigned int>(bytepos));
-            if (av_seek_frame(context, -1, bytepos, AVSEEK_FLAG_BYTE) >= 0) {
+            if (m_reader->seek(bytepos, AVSEEK_FLAG_BYTE) >= 0) {
                 return true;
             }
             CBBLog::error("FFMpegDecoderCore::setPosition(): av_seek_frame (bytepos = %u, "
@@ -60,15 +59,16 @@ bool FFMpegDecoderCore::seekMedium(unsigned long long& ms, unsigned long long ta
             return false;
         }
     }
-    const int64_t start = context->start_time == AV_NOPTS_VALUE ? 0 : context->start_time;
+    const int64_t started = m_formatContext->start_time;
+    const int64_t start = started == AV_NOPTS_VALUE ? 0 : started;
     const auto ts = static_cast<int64_t>(static_cast<unsigned long long>(start) + targetUs);
-    if (av_seek_frame(context, -1, ts, 0) >= 0) {
+    if (m_reader->seek(ts, 0) >= 0) {
         return true;
     }
     CBBLog::debug("FFMpegDecoderCore::setPosition(): av_seek_frame (timepos = %d, flag=0) failed!",
                   static_cast<int>(ts));
     CBBLog::debug("FFMpegDecoderCore::setPosition(): trying with flag=AVSEEK_FLAG_ANY");
-    if (av_seek_frame(context, -1, ts, AVSEEK_FLAG_ANY) >= 0) {
+    if (m_reader->seek(ts, AVSEEK_FLAG_ANY) >= 0) {
         return true;
     }
     CBBLog::debug("FFMpegDecoderCore::setPosition(): av_seek_frame (timepos = %d, "

@@ -1,5 +1,9 @@
 #include "common/ffmpeg/PacketReader.h"
 
+extern "C" {
+#include <libavutil/common.h>
+}
+
 #include <algorithm>
 #include <utility>
 
@@ -71,74 +75,156 @@ void PacketReader::handOutAgain(Packet packet)
     m_queue.push_back(std::move(packet));
 }
 
-void PacketReader::clear()
+int PacketReader::seek(int64_t timestamp, int flags)
 {
+    const int result = av_seek_frame(m_context, -1, timestamp, flags);
+    if (result < 0) {
+        return result;
+    }
     m_queue.clear();
     m_queueBytes = 0;
     m_error = 0;
-    m_dropUntil.clear();
+    m_last.clear();
     m_neverStamped = false;
+    return result;
+}
+
+void PacketReader::markPlace()
+{
+    const auto isKnown = [](const LastPacket& last) { return last.isKnown; };
+    if (m_error == 0 && std::none_of(m_last.begin(), m_last.end(), isKnown)) {
+        fetch();
+    }
 }
 
 void PacketReader::resume()
 {
-    int64_t earliestUs = AV_NOPTS_VALUE;
-    for (std::size_t i = 0; i < m_lastDts.size(); ++i) {
-        if (m_lastDts[i] == AV_NOPTS_VALUE) {
+    int oldest = -1;
+    int64_t oldestUs = AV_NOPTS_VALUE;
+    for (int i = 0; i < static_cast<int>(m_last.size()); ++i) {
+        const LastPacket& last = m_last[static_cast<std::size_t>(i)];
+        const int64_t time = last.dts != AV_NOPTS_VALUE ? last.dts : last.pts;
+        if (!last.isKnown || time == AV_NOPTS_VALUE) {
             continue;
         }
-        const int64_t us =
-            av_rescale_q(m_lastDts[i], timeBase(static_cast<int>(i)), AVRational{1, AV_TIME_BASE});
-        earliestUs = earliestUs == AV_NOPTS_VALUE ? us : std::min(earliestUs, us);
+        if (oldest < 0 || timeUs(i, time) < oldestUs) {
+            oldest = i;
+            oldestUs = timeUs(i, time);
+        }
     }
-    if (earliestUs == AV_NOPTS_VALUE) {
-        const int64_t start = m_context->start_time;
-        av_seek_frame(m_context, -1, start == AV_NOPTS_VALUE ? 0 : start, AVSEEK_FLAG_BACKWARD);
+    if (oldest < 0) {
         return;
     }
-    if (av_seek_frame(m_context, -1, earliestUs, AVSEEK_FLAG_BACKWARD) >= 0) {
-        m_dropUntil = m_lastDts;
+    // Some demuxers know no decoding times for a few packets behind a seek, so the seek has to go
+    // back far enough that they are known again where reading goes on.
+    const int64_t start = m_context->start_time == AV_NOPTS_VALUE ? 0 : m_context->start_time;
+    for (const int64_t backUs : {int64_t{0}, int64_t{1000000}, int64_t{8000000}}) {
+        const int64_t fromUs = av_sat_sub64(oldestUs, backUs);
+        if (fromUs > start && skipToLastPackets(oldest, fromUs)) {
+            return;
+        }
     }
+    skipToLastPackets(oldest, start);
+}
+
+/// A demuxer finds the place by the one stream, and may leave packets of others out that lie just
+/// before it; so the stream that has to go back farthest leads.
+int PacketReader::seekBack(int streamIndex, int64_t targetUs)
+{
+    const AVRational microseconds = {1, AV_TIME_BASE};
+    if (streamIndex >= 0 &&
+        av_seek_frame(m_context, streamIndex,
+                      av_rescale_q(targetUs, microseconds, timeBase(streamIndex)),
+                      AVSEEK_FLAG_BACKWARD) >= 0) {
+        return 0;
+    }
+    return av_seek_frame(m_context, -1, targetUs, AVSEEK_FLAG_BACKWARD);
+}
+
+int64_t PacketReader::timeUs(int streamIndex, int64_t time) const
+{
+    return av_rescale_q(time, timeBase(streamIndex), AVRational{1, AV_TIME_BASE});
+}
+
+/// Seeks and reads on until the last packet of each stream has come again. What follows a stream's
+/// last packet by then goes into the queue.
+/// @return false with nothing queued when the packets came without the times they had
+bool PacketReader::skipToLastPackets(int streamIndex, int64_t fromUs)
+{
+    if (seekBack(streamIndex, fromUs) < 0) {
+        return false;
+    }
+    std::vector<LastPacket> wanted = m_last;
+    const auto isWanted = [](const LastPacket& last) { return last.isKnown; };
+    std::vector<Packet> behind;
+    std::size_t behindBytes = 0;
+    while (std::any_of(wanted.begin(), wanted.end(), isWanted) &&
+           behind.size() < MaxQueuedPackets && behindBytes < MaxQueuedBytes) {
+        Packet packet = makePacket();
+        if (av_read_frame(m_context, packet.get()) < 0) {
+            break;
+        }
+        const auto index = static_cast<std::size_t>(packet->stream_index);
+        if (index < wanted.size() && wanted[index].isKnown) {
+            const Place place = placeOf(*packet, wanted[index]);
+            if (place == Place::SameWithoutTime) {
+                return false;
+            }
+            wanted[index].isKnown = place == Place::Before;
+            if (place != Place::Behind) {
+                continue;
+            }
+        }
+        behindBytes += static_cast<std::size_t>(packet->size);
+        behind.push_back(std::move(packet));
+    }
+    for (Packet& packet : behind) {
+        note(*packet);
+        handOutAgain(std::move(packet));
+    }
+    return true;
+}
+
+PacketReader::Place PacketReader::placeOf(const AVPacket& packet, const LastPacket& last)
+{
+    const bool hasTime = packet.dts != AV_NOPTS_VALUE;
+    if (hasTime && last.dts != AV_NOPTS_VALUE) {
+        return packet.dts < last.dts    ? Place::Before
+               : packet.dts == last.dts ? Place::Same
+                                        : Place::Behind;
+    }
+    const bool isSame =
+        packet.pos == last.position && packet.size == last.size && packet.pts == last.pts;
+    if (!isSame) {
+        return Place::Before;
+    }
+    return hasTime || last.dts == AV_NOPTS_VALUE ? Place::Same : Place::SameWithoutTime;
 }
 
 /// Reads one packet from the demuxer to the end of the queue, or stores the demuxer's error.
 int PacketReader::fetch()
 {
-    while (true) {
-        const int result = av_read_frame(m_context, m_scratch.get());
-        if (result < 0) {
-            av_packet_unref(m_scratch.get());
-            m_error = result;
-            return result;
-        }
-        if (!isOld(*m_scratch)) {
-            break;
-        }
+    const int result = av_read_frame(m_context, m_scratch.get());
+    if (result < 0) {
         av_packet_unref(m_scratch.get());
+        m_error = result;
+        return result;
     }
+    note(*m_scratch);
     Packet packet = makePacket();
     av_packet_move_ref(packet.get(), m_scratch.get());
     handOutAgain(std::move(packet));
     return 0;
 }
 
-/// Keeps the streams' last decoding times, and tells whether a packet came before resume() already.
-bool PacketReader::isOld(const AVPacket& packet)
+/// Keeps what resume() recognises the streams' last packets by.
+void PacketReader::note(const AVPacket& packet)
 {
     const auto index = static_cast<std::size_t>(packet.stream_index);
-    if (index < m_dropUntil.size() && m_dropUntil[index] != AV_NOPTS_VALUE) {
-        if (packet.dts == AV_NOPTS_VALUE || packet.dts <= m_dropUntil[index]) {
-            return true;
-        }
-        m_dropUntil[index] = AV_NOPTS_VALUE;
+    if (index >= m_last.size()) {
+        m_last.resize(index + 1);
     }
-    if (index >= m_lastDts.size()) {
-        m_lastDts.resize(index + 1, AV_NOPTS_VALUE);
-    }
-    if (packet.dts != AV_NOPTS_VALUE) {
-        m_lastDts[index] = packet.dts;
-    }
-    return false;
+    m_last[index] = {true, packet.dts, packet.pts, packet.pos, packet.size};
 }
 
 /// Sees to it that the next packet has its decoding time, and that the shift is known.

@@ -40,11 +40,17 @@ public:
     /// Puts a packet behind those that wait, to be handed out before the demuxer is asked again.
     void handOutAgain(Packet packet);
 
-    /// Forgets what was read ahead, after a seek.
-    void clear();
+    /// Moves the demuxer, and forgets what was read ahead.
+    /// @param timestamp, flags  as av_seek_frame takes them without a stream
+    /// @return 0 or above, or the demuxer's error
+    int seek(int64_t timestamp, int flags);
 
-    /// Goes back to where reading was, after a seek that failed and left the demuxer elsewhere:
-    /// seeks to the oldest of the streams' last packets and drops what came already.
+    /// Sees to it that resume() will find back to the present place. Before seek(), and only where
+    /// a read costs nothing: it may read one packet ahead.
+    void markPlace();
+
+    /// Goes back to the marked place, after a seek that failed and left the demuxer elsewhere:
+    /// seeks to before the oldest of the streams' last packets and drops what came already.
     void resume();
 
     /// Makes the stamps of packets fit for copying: decoding times that the demuxer leaves out at
@@ -54,8 +60,30 @@ public:
     void prepareForCopying(int videoStreamIndex) { m_copiedVideo = videoStreamIndex; }
 
 private:
+    /// The last packet of a stream, as the demuxer gave it.
+    struct LastPacket
+    {
+        bool isKnown = false;
+        int64_t dts = AV_NOPTS_VALUE;
+        int64_t pts = AV_NOPTS_VALUE;
+        int64_t position = -1; // in the medium, bytes
+        int size = 0;
+    };
+    /// How a packet of a stream lies to its last one.
+    enum class Place
+    {
+        Before,
+        Same,
+        SameWithoutTime, // it had a decoding time when it came first
+        Behind,
+    };
+
     int fetch();
-    bool isOld(const AVPacket& packet);
+    void note(const AVPacket& packet);
+    int seekBack(int streamIndex, int64_t targetUs);
+    bool skipToLastPackets(int streamIndex, int64_t fromUs);
+    int64_t timeUs(int streamIndex, int64_t time) const;
+    static Place placeOf(const AVPacket& packet, const LastPacket& last);
     void completeCopiedStamps();
     void fillFirstDts(std::size_t known);
     void shift(AVPacket& packet) const;
@@ -64,9 +92,8 @@ private:
     AVFormatContext* m_context; // not owned
     std::deque<Packet> m_queue;
     std::size_t m_queueBytes = 0;
-    int m_error = 0;                  // of the demuxer, waiting behind the queue
-    std::vector<int64_t> m_lastDts;   // of each stream, as the demuxer gave it
-    std::vector<int64_t> m_dropUntil; // of each stream after resume()
+    int m_error = 0;                // of the demuxer, waiting behind the queue
+    std::vector<LastPacket> m_last; // of each stream, since the last seek
     int m_copiedVideo = -1;
     bool m_shiftKnown = false;
     bool m_neverStamped = false; // no decoding time came within the queue's reach
