@@ -155,6 +155,7 @@ bool PacketReader::skipToLastPackets(int streamIndex, int64_t fromUs)
         return false;
     }
     std::vector<LastPacket> wanted = m_last;
+    wanted.resize(m_context->nb_streams);
     const auto isWanted = [](const LastPacket& last) { return last.isKnown; };
     std::vector<Packet> behind;
     std::size_t behindBytes = 0;
@@ -165,6 +166,10 @@ bool PacketReader::skipToLastPackets(int streamIndex, int64_t fromUs)
             break;
         }
         const auto index = static_cast<std::size_t>(packet->stream_index);
+        const bool isNew = index >= m_last.size() || !m_last[index].isKnown;
+        if (isNew && wanted[m_newestStream].isKnown) {
+            continue; // lies before the very last packet, so the reader was never to have it
+        }
         if (index < wanted.size() && wanted[index].isKnown) {
             const Place place = placeOf(*packet, wanted[index]);
             if (place == Place::SameWithoutTime) {
@@ -225,6 +230,7 @@ void PacketReader::note(const AVPacket& packet)
         m_last.resize(index + 1);
     }
     m_last[index] = {true, packet.dts, packet.pts, packet.pos, packet.size};
+    m_newestStream = index;
 }
 
 /// Sees to it that the next packet has its decoding time, and that the shift is known.

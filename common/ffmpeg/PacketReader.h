@@ -94,6 +94,7 @@ private:
     std::size_t m_queueBytes = 0;
     int m_error = 0;                // of the demuxer, waiting behind the queue
     std::vector<LastPacket> m_last; // of each stream, since the last seek
+    std::size_t m_newestStream = 0; // of the very last packet
     int m_copiedVideo = -1;
     bool m_shiftKnown = false;
     bool m_neverStamped = false; // no decoding time came within the queue's reach

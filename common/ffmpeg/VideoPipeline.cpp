@@ -39,13 +39,13 @@ VideoPipeline::VideoPipeline(const AVCodecContext& model, const AVStream* stream
     const bool frames = (m_codec->capabilities & AV_CODEC_CAP_FRAME_THREADS) != 0;
     m_threadType = frames ? FF_THREAD_FRAME : FF_THREAD_SLICE;
     m_delay = frames ? static_cast<std::size_t>(threads) - 1 : 0;
-    m_context = open(threads, m_threadType, model.has_b_frames);
+    m_context = open(threads, m_threadType, model.has_b_frames, Errors::Told);
     if (m_context && m_context->active_thread_type != m_threadType) {
         m_context.reset();
     }
 }
 
-CodecContext VideoPipeline::open(int threads, int threadType, int reorderDelay) const
+CodecContext VideoPipeline::open(int threads, int threadType, int reorderDelay, Errors errors) const
 {
     CodecContext context(avcodec_alloc_context3(m_codec));
     if (!context || avcodec_parameters_to_context(context.get(), m_stream->codecpar) < 0) {
@@ -56,6 +56,11 @@ CodecContext VideoPipeline::open(int threads, int threadType, int reorderDelay) 
     context->thread_type = threadType;
     // Learned by the model while it probed; it decides which packet gives which picture.
     context->has_b_frames = reorderDelay;
+    // Others conceal alike, and the decoder of MPEG-4 ends the process when it tells.
+    if (errors == Errors::Told &&
+        (m_codec->id == AV_CODEC_ID_H264 || m_codec->id == AV_CODEC_ID_HEVC)) {
+        context->err_recognition |= AV_EF_EXPLODE;
+    }
     if (avcodec_open2(context.get(), m_codec, nullptr) < 0) {
         return nullptr;
     }
@@ -69,7 +74,9 @@ VideoPipeline::Answer VideoPipeline::decode(const AVPacket& packet, PacketReader
         return Answer::Unsure;
     }
     if (m_inFlight.empty()) {
-        if (m_drained || !feed(packet)) {
+        // Without the pictures it refers to, a first picture is guesswork.
+        const bool isKey = (packet.flags & AV_PKT_FLAG_KEY) != 0;
+        if (m_drained || (m_taken.empty() && !isKey) || !feed(packet)) {
             return Answer::Unsure;
         }
     } else if (m_inFlight.front().packet->data != packet.data) {
@@ -184,22 +191,32 @@ void VideoPipeline::flush()
     m_frontSequence += static_cast<int64_t>(m_inFlight.size());
     m_inFlight.clear();
     m_drained = false;
-    m_taken.clear();
+    if (!m_taken.empty()) {
+        m_beforeFlush = std::exchange(m_taken, {});
+    }
     m_takenBytes = 0;
 }
 
 CodecContext VideoPipeline::retreat()
 {
-    CodecContext context = open(1, m_threadType, m_context->has_b_frames);
+    CodecContext context = open(1, m_threadType, m_context->has_b_frames, Errors::Concealed);
     if (!context) {
         return nullptr;
     }
     const Frame dropped = makeFrame();
-    for (const Packet& packet : m_taken) {
-        avcodec_send_packet(context.get(), packet.get());
-        while (avcodec_receive_frame(context.get(), dropped.get()) >= 0) {
+    const auto decodeAll = [&](const std::deque<Packet>& packets) {
+        for (const Packet& packet : packets) {
+            avcodec_send_packet(context.get(), packet.get());
+            while (avcodec_receive_frame(context.get(), dropped.get()) >= 0) {
+            }
         }
+    };
+    // A flushed decoder is not a new one: it still knows the headers that came before.
+    if (!m_beforeFlush.empty()) {
+        decodeAll(m_beforeFlush);
+        avcodec_flush_buffers(context.get());
     }
+    decodeAll(m_taken);
     return context;
 }
 

@@ -19,9 +19,10 @@ namespace zel::av {
 ///      ^ the key frame before the last one   one clone each, its dts a sequence number
 ///
 /// Pictures are matched to packets by that sequence number. The pipeline only goes on while all is
-/// regular. A broken picture, a medium whose packets are skipped by somebody, video packets too far
-/// apart: each makes it answer Unsure, once and for all. The owner then takes retreat()'s context,
-/// which has decoded what one thread would have decoded by now, and goes on with that.
+/// regular. Broken data, a start without a key frame, a medium whose packets are skipped by
+/// somebody, video packets too far apart: each makes it answer Unsure, once and for all. The owner
+/// then takes retreat()'s context, which has decoded what one thread would have decoded by now, and
+/// goes on with that.
 ///
 /// Owner: the decoder core. Threads: under the core's mutex; the decoder's threads are its own.
 class VideoPipeline
@@ -63,7 +64,15 @@ private:
         Frame picture; // null until it came
     };
 
-    CodecContext open(int threads, int threadType, int reorderDelay) const;
+    /// What a decoder does with broken data. What it makes up differs with the number of threads,
+    /// so the pipeline rather hears of it and leaves such media to one thread.
+    enum class Errors
+    {
+        Told,
+        Concealed
+    };
+
+    CodecContext open(int threads, int threadType, int reorderDelay, Errors errors) const;
     bool feed(const AVPacket& packet);
     bool collect();
     bool drain();
@@ -79,6 +88,7 @@ private:
     int64_t m_frontSequence = 0;
     bool m_drained = false;
     std::deque<Packet> m_taken;
+    std::deque<Packet> m_beforeFlush; // what was taken before the last flush
     std::size_t m_takenBytes = 0;
     Packet m_clone;
 };
