@@ -410,8 +410,8 @@ INSTANTIATE_TEST_SUITE_P(Clips, FFMpegDecoderCoreFailedSeek,
                          testing::Values("h264_aac.mp4", "h264_aac.mkv", "h264_aac.flv",
                                          "mpeg4_mp3.avi", "mp3_cbr.mp3", "aac.aac", "aac.m4a",
                                          "vp9_opus.webm", "h264_infinite_gop.mp4",
-                                         "h264_bpyramid.mkv", "late_video.mkv", "two_audio.avi",
-                                         "vp8_vorbis.webm"));
+                                         "h264_bpyramid.mkv", "h264_fragmented.mp4",
+                                         "late_video.mkv", "two_audio.avi", "vp8_vorbis.webm"));
 
 TEST_F(FFMpegDecoderCoreSeek, FailureRightBehindASeekLeavesItsTarget)
 {
