@@ -1241,7 +1241,7 @@ TEST_F(FFMpegDecoderCoreDecode, RawVideoIsRescaledWhereThatIsAllThatIsWanted)
     ASSERT_TRUE(
         core.allocRescalingContext(8, 8, AV_PIX_FMT_RGB24, 4, 4, AV_PIX_FMT_RGB24, SWS_BILINEAR));
     CountedPacket packet;
-    const std::vector<unsigned char> grey(8 * 8 * 3, 100);
+    const std::vector<unsigned char> grey(std::size_t{8} * 8 * 3, 100);
     packet.setAndCopy(PacketType::Video, grey.data(), static_cast<int>(grey.size()), 0, 0, true);
     const Outcome outcome = decodePacket(core, &packet, 5, 6);
     ASSERT_TRUE(outcome.done);

@@ -198,6 +198,7 @@ TEST_F(FFMpegDecoderCoreLog, ThreadsOfTheLibraryMayLogAtOnce)
     core.initWithUrl("/no/such/file", "");
     log.clear();
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([t] {
             for (int i = 0; i < 200; ++i) {

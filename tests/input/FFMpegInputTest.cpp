@@ -587,9 +587,10 @@ namespace {
 
 std::string songCommand(const std::string& title, const std::string& artist)
 {
+    std::string song = "TYPE=SNG|TITLE ";
+    song.append(title).append("|ARTIST ").append(artist);
     std::string bytes;
-    for (const std::string& text :
-         {std::string("TEXT"), "TYPE=SNG|TITLE " + title + "|ARTIST " + artist}) {
+    for (const std::string& text : {std::string("TEXT"), song}) {
         for (const char letter : text) {
             bytes += letter;
             bytes += '\0';

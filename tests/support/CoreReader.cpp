@@ -17,7 +17,7 @@ namespace zel::test {
 
 std::string clipPath(const std::string& name)
 {
-    const std::string path = mediaFolder() + "/" + name;
+    std::string path = mediaFolder() + "/" + name;
     if (!std::filesystem::exists(path)) {
         throw std::runtime_error("no clip " + path);
     }

@@ -28,7 +28,13 @@ struct Picture
         int stride = 0;
         std::vector<uint8_t> bytes;
 
-        int at(int x, int y) const { return bytes[static_cast<std::size_t>(y * stride + x)]; }
+        /// Place of a pixel in `bytes`.
+        std::size_t placeOf(int x, int y) const
+        {
+            return static_cast<std::size_t>(y) * static_cast<std::size_t>(stride) +
+                   static_cast<std::size_t>(x);
+        }
+        int at(int x, int y) const { return bytes[placeOf(x, y)]; }
     };
 
     Picture(AVPixelFormat pixelFormat, int pictureWidth, int pictureHeight, int slack = 0)
@@ -43,7 +49,7 @@ struct Picture
             plane.width = i == 0 ? width : AV_CEIL_RSHIFT(width, chromaX);
             plane.height = i == 0 ? height : AV_CEIL_RSHIFT(height, chromaY);
             plane.stride = plane.width + slack;
-            plane.bytes.assign(static_cast<std::size_t>(plane.stride * plane.height), 0xA5);
+            plane.bytes.assign(plane.placeOf(0, plane.height), 0xA5);
             pointers[i] = plane.bytes.data();
             strides[i] = plane.stride;
         }
@@ -229,7 +235,7 @@ Picture pictureOf(const AVFrame& frame)
         Picture::Plane& plane = picture.planes[i];
         for (int y = 0; y < plane.height; ++y) {
             std::copy_n(frame.data[i] + static_cast<std::ptrdiff_t>(y) * frame.linesize[i],
-                        plane.width, plane.bytes.begin() + y * plane.stride);
+                        plane.width, plane.bytes.data() + plane.placeOf(0, y));
         }
     }
     return picture;
@@ -281,11 +287,12 @@ std::string packed(const AVFrame& frame, int width, int height)
     const zel::av::Scaler scaler(
         sws_getContext(frame.width, frame.height, static_cast<AVPixelFormat>(frame.format), width,
                        height, AV_PIX_FMT_YUYV422, SWS_BILINEAR, nullptr, nullptr, nullptr));
-    std::string bytes(static_cast<std::size_t>(width * height * 2 + 64), '\0');
+    const std::size_t size = static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 2;
+    std::string bytes(size + 64, '\0');
     uint8_t* const planes[4] = {reinterpret_cast<uint8_t*>(bytes.data())};
     const int strides[4] = {width * 2};
     sws_scale(scaler.get(), frame.data, frame.linesize, 0, frame.height, planes, strides);
-    bytes.resize(static_cast<std::size_t>(width * height * 2));
+    bytes.resize(size);
     return bytes;
 }
 
@@ -306,7 +313,7 @@ TEST(DeinterlacerMedia, PicturesThatACoreDeliversAreDeinterlacedWithoutAnySettin
             Picture::Plane& plane = target.planes[i];
             for (int y = 0; y < plane.height; ++y) {
                 for (int x = 0; x < plane.width; ++x) {
-                    plane.bytes[static_cast<std::size_t>(y * plane.stride + x)] =
+                    plane.bytes[plane.placeOf(x, y)] =
                         static_cast<uint8_t>(expectedPixel(source.planes[i], x, y));
                 }
             }

@@ -560,7 +560,8 @@ std::string damaged(const std::string& bytes, unsigned int seed, int count)
     std::mt19937 random(seed);
     std::uniform_int_distribution<std::size_t> place(bytes.size() / 10, bytes.size() * 8 / 10);
     for (int i = 0; i < count; ++i) {
-        copy[place(random)] ^= static_cast<char>(1 + random() % 255);
+        char& byte = copy[place(random)];
+        byte = static_cast<char>(byte ^ static_cast<char>(1 + random() % 255));
     }
     return copy;
 }
