@@ -23,3 +23,10 @@ function(zel_target name)
         target_compile_options(${name} PRIVATE -Wthread-safety)
     endif()
 endfunction()
+
+# zel_test_target(NAME): the same for code that only tests run. It is compiled often and runs once,
+# and under the sanitizers optimising it takes four times as long as compiling it.
+function(zel_test_target name)
+    zel_target(${name})
+    target_compile_options(${name} PRIVATE -O0)
+endfunction()
