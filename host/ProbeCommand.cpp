@@ -5,6 +5,7 @@
 #include "host/Times.h"
 
 #include <nlohmann/json.hpp>
+#include <utility>
 
 namespace zel::host {
 
@@ -50,12 +51,17 @@ std::string tableOf(const std::string& name, const Findings& findings)
     table.add("seekable", medium.seekable.value_or(false) ? "yes" : "no");
     for (const auto& [key, value] : medium.properties.values)
         table.add(printable(key), printable(value));
+    VideoRecord video = findings.stream.video;
+    AudioRecord audio = findings.stream.audio;
+    if (findings.stream.hasAudio() && !audio.bitrate)
+        // Where there is audio, the library tells its bit rate in the video record.
+        audio.bitrate = std::exchange(video.bitrate, std::nullopt);
     if (findings.stream.hasVideo())
-        table.add("video", videoLine(findings.stream.video));
+        table.add("video", videoLine(video));
     if (findings.output.hasVideo())
         table.add("  read as", videoLine(findings.output.video));
     if (findings.stream.hasAudio())
-        table.add("audio", audioLine(findings.stream.audio));
+        table.add("audio", audioLine(audio));
     if (findings.output.hasAudio())
         table.add("  read as", audioLine(findings.output.audio));
     return printable(name) + "\n" + table.text();
