@@ -31,6 +31,7 @@ public:
     explicit PacketReader(AVFormatContext* context);
 
     /// Takes the next packet.
+    /// @param packet  without bytes of an earlier one
     /// @return 0, or the demuxer's error; the read after an error asks the demuxer again
     int read(AVPacket* packet);
 

@@ -298,6 +298,7 @@ TEST(VideoPipelineMedia, PacketThatWasSkippedByItsOwnerMakesItUnsure)
     ASSERT_TRUE(track.read(packet.get()));
     EXPECT_NE(pipeline.decode(*packet, *track.reader, picture.get()),
               VideoPipeline::Answer::Unsure);
+    av_packet_unref(packet.get());
     ASSERT_TRUE(track.read(packet.get())); // fed already, and now never asked about
     av_packet_unref(packet.get());
     ASSERT_TRUE(track.read(packet.get()));
