@@ -241,6 +241,58 @@ TEST_F(FFMpegInputMedia, UpdateOfTheMediumIsCloseAndOpen)
     EXPECT_FALSE(readFrame(*input));
 }
 
+TEST_F(FFMpegInputMedia, UpdateOfTheMediumCallsBothWithItsOwnArguments)
+{
+    class Watched : public FFMpegInput
+    {
+    public:
+        std::vector<std::string> calls;
+        std::vector<const void*> arguments;
+
+        bool open(const zel::streamer::MediumDescription* medium, zel::streamer::Error* error,
+                  zel::streamer::EncoderEngine* engine) override
+        {
+            calls.emplace_back("open");
+            arguments = {medium, error, engine};
+            return FFMpegInput::open(medium, error, engine);
+        }
+        int close() override
+        {
+            calls.emplace_back("close");
+            return FFMpegInput::close();
+        }
+    };
+    Watched watched;
+    ASSERT_TRUE(watched.open(new_(clipPath("flv1_mp3.flv")), &error, nullptr));
+    watched.calls.clear();
+    int handle = 0; // opaque to the plug-in
+    auto* engine = reinterpret_cast<zel::streamer::EncoderEngine*>(&handle);
+    const MediumRecord* next = new_(clipPath("mp3_cbr.mp3"));
+    EXPECT_TRUE(watched.updateMedium(next, &error, engine));
+    EXPECT_EQ(watched.calls, (std::vector<std::string>{"close", "open"}));
+    EXPECT_EQ(watched.arguments,
+              (std::vector<const void*>{static_cast<const zel::streamer::MediumDescription*>(next),
+                                        static_cast<zel::streamer::Error*>(&error), engine}));
+}
+
+TEST_F(FFMpegInputMedia, CloseStopsThroughTheVirtualOperation)
+{
+    class Watched : public FFMpegInput
+    {
+    public:
+        int stops = 0;
+
+        int stop() override
+        {
+            ++stops;
+            return FFMpegInput::stop();
+        }
+    };
+    Watched watched;
+    watched.close();
+    EXPECT_EQ(watched.stops, 1);
+}
+
 TEST_F(FFMpegInputMedia, ClosedObjectKeepsItsSkips)
 {
     EXPECT_TRUE(input->skipVideoDecoding());

@@ -544,9 +544,14 @@ TEST(DecoderThreadsElsewhere, AllOtherClipsAreTheSameWithAnyNumber)
         }
         const auto expected = play(entry.path().string(), 1);
         played += expected.empty() ? 0 : 1;
+        // Perhaps in the middle of its last packet, of which a decoder makes up the rest.
+        const bool isCut = name.rfind("half_", 0) == 0;
         for (const int threads : {2, 5}) {
-            expectSameSamples(play(entry.path().string(), threads), expected,
-                              name + " with " + std::to_string(threads) + " threads");
+            const std::string what = name + " with " + std::to_string(threads) + " threads";
+            for (const std::size_t place :
+                 differentPictures(play(entry.path().string(), threads), expected, what)) {
+                EXPECT_TRUE(isCut && place + 10 > expected.size()) << what << ", sample " << place;
+            }
         }
     }
     EXPECT_GT(played, 50);
