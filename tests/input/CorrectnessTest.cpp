@@ -72,6 +72,48 @@ void PrintTo(const AudioCase& value, std::ostream* out)
     *out << value.clip;
 }
 
+/// Clips whose pictures consist of two fields: the library delivers them deinterlaced.
+class InterlacedCorrectness : public Correctness
+{
+protected:
+    /// Makes each odd line from itself and the two above and below it: weights -1, 4, 2, 4, -1.
+    /// Beyond the edges stand the first line, and the last one itself.
+    static void deinterlacePlane(unsigned char* plane, std::size_t width, std::size_t height)
+    {
+        const std::vector<unsigned char> source(plane, plane + width * height);
+        for (std::size_t y = 1; y < height; y += 2) {
+            const unsigned char* line = source.data() + y * width;
+            const unsigned char* lines[] = {
+                y < 2 ? source.data() : line - 2 * width,
+                line - width,
+                line,
+                y + 1 < height ? line + width : line,
+                y + 2 < height ? line + 2 * width : line,
+            };
+            for (std::size_t x = 0; x < width; ++x) {
+                const int sum = -lines[0][x] + 4 * lines[1][x] + 2 * lines[2][x] + 4 * lines[3][x] -
+                                lines[4][x];
+                plane[y * width + x] =
+                    static_cast<unsigned char>(std::clamp((sum + 4) >> 3, 0, 255));
+            }
+        }
+    }
+
+    static void deinterlace(std::string& pictures, std::size_t width, std::size_t height)
+    {
+        auto* plane = reinterpret_cast<unsigned char*>(pictures.data());
+        const auto* end = plane + pictures.size();
+        while (plane < end) {
+            deinterlacePlane(plane, width, height);
+            plane += width * height;
+            for (int chroma = 0; chroma < 2; ++chroma) {
+                deinterlacePlane(plane, width / 2, height / 2);
+                plane += (width / 2) * (height / 2);
+            }
+        }
+    }
+};
+
 class AudioCorrectness : public testing::TestWithParam<AudioCase>
 {
 };
@@ -116,6 +158,31 @@ TEST_P(Correctness, FramesComeInTheOrderAndAtTheTimesOfTheirPackets)
     const std::vector<PlayedFrame> frames = m_player.readAll();
 
     expectDelivery(frames, expected);
+}
+
+TEST_P(InterlacedCorrectness, PicturesAreThoseOfTheCommandLineWithOddLinesMadeAnew)
+{
+    const auto& stream = m_medium.streams[static_cast<std::size_t>(m_selection.video)];
+    const auto width = static_cast<std::size_t>(stream.width);
+    const auto height = static_cast<std::size_t>(stream.height);
+    std::string planes = referencePlanes(m_path, m_selection.video);
+    ASSERT_FALSE(planes.empty());
+    ASSERT_EQ(planes.size() % (width * height * 3 / 2), 0u);
+    deinterlace(planes, width, height);
+    const std::vector<ReferencePicture> reference =
+        scalePlanes(planes, stream.width, stream.height);
+
+    const auto pictures = framesOf(m_player.readAll(), PacketType::Video);
+
+    ASSERT_EQ(pictures.size(), reference.size() - static_cast<std::size_t>(stream.decoderDelay));
+    for (std::size_t i = 0; i < pictures.size(); ++i) {
+        ASSERT_EQ(pictures[i].md5, reference[i].md5) << "picture " << i;
+    }
+}
+
+TEST_P(InterlacedCorrectness, FramesComeInTheOrderAndAtTheTimesOfTheirPackets)
+{
+    expectDelivery(m_player.readAll(), expectedDelivery(m_medium, m_selection));
 }
 
 TEST_P(AudioCorrectness, SamplesAreThoseOfTheCommandLine)
@@ -167,6 +234,14 @@ INSTANTIATE_TEST_SUITE_P(
         return nameOf(std::get<0>(instance.param)) + "_" +
                std::to_string(std::get<1>(instance.param)) + "_threads";
     });
+
+INSTANTIATE_TEST_SUITE_P(Clips, InterlacedCorrectness,
+                         testing::Combine(testing::Values("mpeg2_interlaced.ts", "h264_mbaff.ts"),
+                                          testing::Values(1, 2)),
+                         [](const testing::TestParamInfo<VideoCase>& instance) {
+                             return nameOf(std::get<0>(instance.param)) + "_" +
+                                    std::to_string(std::get<1>(instance.param)) + "_threads";
+                         });
 
 INSTANTIATE_TEST_SUITE_P(
     Clips, AudioCorrectness,

@@ -92,6 +92,36 @@ std::string mapOf(int stream)
     return "0:" + std::to_string(stream);
 }
 
+/// Output options: the library's scaling, and a line for each picture.
+const std::vector<std::string> ScaleAndHash = {"-vf",
+                                               "scale=flags=bilinear,format=yuyv422",
+                                               "-fps_mode",
+                                               "passthrough",
+                                               "-enc_time_base",
+                                               "-1",
+                                               "-f",
+                                               "framemd5",
+                                               "-"};
+
+std::vector<ReferencePicture> readHashes(const std::string& text)
+{
+    std::vector<ReferencePicture> pictures;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        // stream, dts, pts, duration, size, md5
+        long long dts = 0;
+        long long pts = 0;
+        long long duration = 0;
+        int size = 0;
+        char md5[64] = "";
+        if (std::sscanf(line.c_str(), "0, %lld, %lld, %lld, %d, %63s", &dts, &pts, &duration, &size,
+                        md5) == 5) {
+            pictures.push_back({pts, size, md5});
+        }
+    }
+    return pictures;
+}
+
 } // namespace
 
 const ProbedStream* ProbedMedium::first(const std::string& type) const
@@ -126,25 +156,34 @@ std::optional<ProbedMedium> probeMedium(const std::string& path)
 
 std::vector<ReferencePicture> referencePictures(const std::string& path, int stream)
 {
-    const ProgramResult run = runProgram(ffmpegWords(
-        {"-copyts", "-i", path, "-map", mapOf(stream), "-vf", "scale=flags=bilinear,format=yuyv422",
-         "-fps_mode", "passthrough", "-enc_time_base", "-1", "-f", "framemd5", "-"}));
+    std::vector<std::string> words = ffmpegWords({"-copyts", "-i", path, "-map", mapOf(stream)});
+    words.insert(words.end(), ScaleAndHash.begin(), ScaleAndHash.end());
+    const ProgramResult run = runProgram(words);
     EXPECT_TRUE(run.succeeded()) << path << ": " << run.describe();
-    std::vector<ReferencePicture> pictures;
-    std::istringstream lines(run.out);
-    for (std::string line; std::getline(lines, line);) {
-        // 0, dts, pts, duration, size, md5
-        long long dts = 0;
-        long long pts = 0;
-        long long duration = 0;
-        int size = 0;
-        char md5[64] = "";
-        if (std::sscanf(line.c_str(), "0, %lld, %lld, %lld, %d, %63s", &dts, &pts, &duration, &size,
-                        md5) == 5) {
-            pictures.push_back({pts, size, md5});
-        }
-    }
-    return pictures;
+    return readHashes(run.out);
+}
+
+std::string referencePlanes(const std::string& path, int stream)
+{
+    ProgramResult run =
+        runProgram(ffmpegWords({"-i", path, "-map", mapOf(stream), "-fps_mode", "passthrough",
+                                "-pix_fmt", "yuv420p", "-f", "rawvideo", "-"}));
+    EXPECT_TRUE(run.succeeded()) << path << ": " << run.describe();
+    return std::move(run.out);
+}
+
+std::vector<ReferencePicture> scalePlanes(const std::string& planes, int width, int height)
+{
+    const TempFolder folder;
+    const std::string file = folder.path("planes.yuv");
+    writeFile(file, planes);
+    std::vector<std::string> words =
+        ffmpegWords({"-f", "rawvideo", "-pixel_format", "yuv420p", "-video_size",
+                     std::to_string(width) + "x" + std::to_string(height), "-i", file});
+    words.insert(words.end(), ScaleAndHash.begin(), ScaleAndHash.end());
+    const ProgramResult run = runProgram(words);
+    EXPECT_TRUE(run.succeeded()) << run.describe();
+    return readHashes(run.out);
 }
 
 std::string referenceSamples(const std::string& path, int stream, const std::string& decoder,

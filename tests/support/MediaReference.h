@@ -65,6 +65,12 @@ struct ReferencePicture
 /// @param stream  index in the medium
 std::vector<ReferencePicture> referencePictures(const std::string& path, int stream);
 
+/// The decoded pictures of a video stream as they are, planar YUV 4:2:0, one behind the other.
+std::string referencePlanes(const std::string& path, int stream);
+
+/// Scales such pictures as referencePictures() does.
+std::vector<ReferencePicture> scalePlanes(const std::string& planes, int width, int height);
+
 /// All samples of an audio stream, interleaved, with encoder padding left in.
 /// @param decoder  ffmpeg's name of the decoder; empty takes its own choice
 /// @param bits     8, 16 or 32
