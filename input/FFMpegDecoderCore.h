@@ -225,8 +225,8 @@ public:
     int m_scaleFlags = SWS_BILINEAR;
     Metadata m_metadata ZEL_GUARDED_BY(m_describedLock);
 
-    /// Decoder threads for media whose output is the same with any number of them; 0 takes as many
-    /// as the machine has. Set before opening.
+    /// Decoder threads for media whose output is the same with any number of them; 0 for as many
+    /// as keep the machine's cores at work. Set before opening.
     int m_decoderThreads = 0;
 
     /// Kept: one flag for all cores, raised by any close and lowered by any opening. Each core has

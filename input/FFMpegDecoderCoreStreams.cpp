@@ -588,8 +588,11 @@ void FFMpegDecoderCore::finishSelection()
 /// ahead on a stalled network would hold decoded pictures back, so it is for local files alone.
 void FFMpegDecoderCore::startPipeline()
 {
-    const int threads =
-        m_decoderThreads > 0 ? m_decoderThreads : std::min(av_cpu_count(), MaxDecoderThreads);
+    // One more than there are cores: while the caller scales a picture, the thread that made it
+    // waits for its next packet.
+    const int cores = std::min(av_cpu_count(), MaxDecoderThreads);
+    const int automatic = cores > 1 ? cores + 1 : 1;
+    const int threads = m_decoderThreads > 0 ? m_decoderThreads : automatic;
     const AVCodecContext* model = m_video.context();
     if (threads < 2 || !m_localFile || needToStartAtZero() ||
         m_decodingMode != zel::streamer::DecodingMode::All ||
