@@ -35,7 +35,8 @@ public:
     void freeFrame(unsigned char* data, void* context) override;
 
     /// Reads the medium property "decoderThreads": how many threads may decode video, 0 or absent
-    /// for as many as keep its cores at work. The frames are the same with any number.
+    /// for as many as keep its cores at work. The frames are the same with any number, but for
+    /// what a decoder makes up for parts that are lost.
     bool open(const zel::streamer::MediumDescription* medium, zel::streamer::Error* error,
               zel::streamer::EncoderEngine* engine) override;
     bool updateMedium(const zel::streamer::MediumDescription* medium, zel::streamer::Error* error,

@@ -10,6 +10,9 @@ namespace zel::av {
 
 /// Decodes video on several threads, with exactly the answers of one thread.
 ///
+/// Only what a decoder makes up for lost parts of a picture may differ: that depends on what its
+/// memory held before, and on how far another thread was with the picture that it copies from.
+///
 /// The decoder of N frame threads gives a picture N - 1 packets late. The pipeline hides that: it
 /// looks ahead in the medium and feeds the packets to come, so that the picture of the packet at
 /// hand is known when it is asked for, while the next ones decode behind the caller's back.
