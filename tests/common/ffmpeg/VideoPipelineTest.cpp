@@ -1,6 +1,7 @@
 #include "common/ffmpeg/VideoPipeline.h"
 
 #include "common/ffmpeg/VideoDecoder.h"
+#include "tests/support/ClipPackets.h"
 #include "tests/support/CoreReader.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/MemorySource.h"
@@ -33,10 +34,13 @@ using zel::av::Packet;
 using zel::av::PacketReader;
 using zel::av::VideoDecoder;
 using zel::av::VideoPipeline;
+using zel::test::ClipPacket;
+using zel::test::ClipPackets;
 using zel::test::clipPath;
 using zel::test::LogCapture;
 using zel::test::mediaFolder;
 using zel::test::MemorySource;
+using zel::test::readClipPackets;
 using zel::test::readFile;
 using zel::test::readSamples;
 using zel::test::Sample;
@@ -597,29 +601,67 @@ std::string damaged(const std::string& bytes, unsigned int seed, int count)
     return copy;
 }
 
+/// Stretches of time, in microseconds.
+using Stretches = std::vector<std::pair<double, double>>;
+
+/// Where pictures of a damaged copy may show something else: from each video packet that is not as
+/// it was up to the next key frame, and what reordering holds back beyond it.
+Stretches damagedStretches(const std::string& whole, const std::string& copy)
+{
+    constexpr double reorderedUs = 500000.0;
+    const ClipPackets before = readClipPackets(whole);
+    std::set<std::string> intact;
+    for (const ClipPacket& packet : readClipPackets(copy).packets) {
+        intact.insert(packet.bytes);
+    }
+    const double unit = av_q2d(before.videoTimeBase) * 1e6;
+    const auto video = before.video();
+    Stretches stretches;
+    for (std::size_t i = 0; i < video.size(); ++i) {
+        if (intact.count(video[i].bytes) > 0) {
+            continue;
+        }
+        std::size_t key = i + 1;
+        while (key < video.size() && !video[key].key) {
+            ++key;
+        }
+        const auto timeOf = [&](std::size_t index) {
+            const int64_t dts = video[index].dts;
+            return static_cast<double>(dts != AV_NOPTS_VALUE ? dts : video[index].pts) * unit;
+        };
+        stretches.emplace_back(timeOf(i) - 1.0,
+                               key < video.size() ? timeOf(key) + reorderedUs : 1e12);
+    }
+    return stretches;
+}
+
 class DamagedClip : public VideoPipelineClip
 {
 };
 
 } // namespace
 
-TEST_P(DamagedClip, GivesTheSamePacketsPicturesAndHealsAtTheNextKeyFrame)
+// What a decoder makes up for lost parts depends on what its memory held, and with several threads
+// on how far the picture was that it copies from. So there, and only there, pixels may differ.
+TEST_P(DamagedClip, DiffersInMadeUpPicturesAtMost)
 {
-    // Decoders leave lost parts as they stood in memory before, which depends on all that was
-    // decoded since the start and cannot be had again. So the pictures themselves may differ
-    // between the damage and the next key frame; when there is more damage, anywhere behind it.
     const TempFolder folder;
     const std::string bytes = readFile(clipPath(GetParam()));
     const std::string path = folder.path(GetParam());
     for (const auto& [seed, count] : {std::pair{1u, 1}, {2u, 3}, {3u, 20}, {4u, 200}}) {
         writeFile(path, damaged(bytes, seed, count));
         const auto expected = play(path, 1);
+        const Stretches stretches = damagedStretches(clipPath(GetParam()), path);
         for (const int threads : {2, 4}) {
             const std::string what =
                 std::to_string(count) + " bytes changed, " + std::to_string(threads) + " threads";
-            const auto different = differentPictures(play(path, threads), expected, what);
-            if (count == 1 && !different.empty()) {
-                EXPECT_LT(different.back(), keyBehind(expected, different.front())) << what;
+            for (const std::size_t place : differentPictures(play(path, threads), expected, what)) {
+                const auto time = static_cast<double>(expected[place].timestampUs);
+                EXPECT_TRUE(std::any_of(stretches.begin(), stretches.end(),
+                                        [time](const auto& stretch) {
+                                            return time >= stretch.first && time < stretch.second;
+                                        }))
+                    << what << ", sample " << place << " at " << time;
             }
         }
     }
