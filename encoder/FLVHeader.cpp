@@ -183,7 +183,7 @@ int FLVHeader::writeFLVHeader(unsigned char* out, int /*room*/)
 {
     constexpr unsigned long dataSizeBit = 8;
     constexpr int tagHeaderSize = 11;
-    constexpr unsigned long entryCountBit = 25 * 8;
+    constexpr unsigned long entryCountBit = 200;
 
     BitWriter writer(out);
     writer.number(scriptTag, 8);
