@@ -45,6 +45,11 @@ struct ResamplerDeleter
     void operator()(SwrContext* resampler) const { swr_free(&resampler); }
 };
 
+struct ParserDeleter
+{
+    void operator()(AVCodecParserContext* parser) const { av_parser_close(parser); }
+};
+
 struct MemoryDeleter
 {
     void operator()(void* memory) const { av_free(memory); }
@@ -56,6 +61,7 @@ using Packet = std::unique_ptr<AVPacket, PacketDeleter>;
 using Frame = std::unique_ptr<AVFrame, FrameDeleter>;
 using Scaler = std::unique_ptr<SwsContext, ScalerDeleter>;
 using Resampler = std::unique_ptr<SwrContext, ResamplerDeleter>;
+using Parser = std::unique_ptr<AVCodecParserContext, ParserDeleter>;
 
 /// Memory of av_malloc.
 template <class T>

@@ -41,13 +41,14 @@ PictureEncoder::PictureEncoder(AVCodecContext& opened) : m_encoder(opened), m_pa
 const AVPacket* PictureEncoder::encode(AVFrame& picture)
 {
     av_packet_unref(m_packet.get());
-    int sent = avcodec_send_frame(&m_encoder, &picture);
-    const bool isFull = sent == AVERROR(EAGAIN);
-    const bool received =
-        (sent >= 0 || isFull) && avcodec_receive_packet(&m_encoder, m_packet.get()) >= 0;
-    if (isFull && received) {
-        // An older packet was in the way; the one of this picture comes out next time.
-        sent = avcodec_send_frame(&m_encoder, &picture);
+    const int sent = avcodec_send_frame(&m_encoder, &picture);
+    if (sent < 0 && sent != AVERROR(EAGAIN)) {
+        return nullptr;
+    }
+    const bool received = avcodec_receive_packet(&m_encoder, m_packet.get()) >= 0;
+    if (sent < 0 && received) {
+        // An older packet was in the way; the one of this picture comes out at a later call.
+        avcodec_send_frame(&m_encoder, &picture);
     }
     return received ? m_packet.get() : nullptr;
 }

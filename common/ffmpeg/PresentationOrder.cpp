@@ -1,0 +1,230 @@
+#include "common/ffmpeg/PresentationOrder.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <cstdlib>
+
+namespace zel::av {
+namespace {
+
+const int MostReordered = 16;  // frames, the most that any codec's decoder keeps
+const int FarthestFrames = 64; // what lies farther away has no connection
+const std::size_t RecentPictures = 4 * MostReordered;
+const double DelayLossPerFrame = 0.125;
+const int StepWindow = 16; // distances that have to agree on a greater step
+const double UsualRates[] = {25.0, 30.0, 24.0, 50.0, 60.0, 15.0, 20.0, 12.5, 10.0};
+
+/// The distance of two frames, from that of two pictures in the order of decoding: the usual frame
+/// rate of which it is a multiple.
+int64_t likelyStep(int64_t distance, int64_t timeBase)
+{
+    const double seconds = static_cast<double>(distance) / static_cast<double>(timeBase);
+    for (const double rate : UsualRates) {
+        const double frames = std::round(seconds * rate);
+        if (frames >= 1.0 && frames <= MostReordered &&
+            std::abs(seconds * rate - frames) < 0.01 * frames) {
+            return std::llround(static_cast<double>(distance) / frames);
+        }
+    }
+    return distance;
+}
+
+} // namespace
+
+PresentationOrder::PresentationOrder(int64_t usualStep, int64_t timeBase, bool entersMiddle)
+    : m_timeBase(timeBase), m_entersMiddle(entersMiddle), m_step(usualStep)
+{
+}
+
+void PresentationOrder::reset()
+{
+    m_decoded = 0.0;
+    m_isBegun = false;
+    m_delayEnd = 0.0;
+}
+
+double PresentationOrder::next(const CodedPicture& picture)
+{
+    m_reorder = std::clamp(picture.reorder, m_reorder, MostReordered);
+    settleStep(picture);
+    if (!m_isBegun || picture.beginsAnew || !isConnected(picture)) {
+        begin(picture);
+    } else {
+        learnLeading(picture);
+        settleReordering(picture);
+    }
+    const double index = m_decoded;
+    const double number = numberOf(picture.order, picture.frames);
+    m_decoded += picture.frames;
+    takeIn({picture.order, picture.frames});
+    if (m_reorder == 0) {
+        return 0.0;
+    }
+    return std::max(0.0, number + delayAt(number) - index + m_reorder);
+}
+
+/// Whether the order value goes on from those before it. Encoders let it begin again without a
+/// sign now and then, and recordings are joined.
+bool PresentationOrder::isConnected(const CodedPicture& picture) const
+{
+    const bool isFar =
+        m_step > 0 && std::abs(picture.order - m_nextOrder) > FarthestFrames * m_step;
+    // No picture is held back for an intra picture: others refer to it.
+    const double mostAhead = picture.isIntra ? m_reorder : MostReordered;
+    return !isFar && framesAhead(picture.order) <= mostAhead;
+}
+
+void PresentationOrder::begin(const CodedPicture& picture)
+{
+    m_isBegun = true;
+    m_recent.clear();
+    m_waiting.clear();
+    m_lastShown.reset();
+    m_stepsSeen = 0;
+    m_nextNumber = m_decoded;
+    if (!picture.beginsAnew) {
+        m_nextOrder = picture.order - std::llround(usualLeading() * static_cast<double>(m_step));
+    } else if (picture.order - picture.firstOrder <= FarthestFrames * m_step) {
+        m_nextOrder = picture.firstOrder;
+    } else {
+        m_nextOrder = picture.order;
+    }
+}
+
+double PresentationOrder::usualLeading() const
+{
+    if (m_reorder == 0) {
+        return 0.0;
+    }
+    if (m_leadingIntra) {
+        return *m_leadingIntra;
+    }
+    // Two B pictures where one frame is held back, a pyramid of three where it is two.
+    return m_leadingOther.value_or(m_entersMiddle ? m_reorder + 1.0 : 0.0);
+}
+
+void PresentationOrder::settleStep(const CodedPicture& picture)
+{
+    const int64_t distance = picture.order - m_nextOrder;
+    if (m_step > 0 || !m_isBegun || distance <= 0) {
+        return;
+    }
+    m_step = m_reorder == 0 ? distance : likelyStep(distance, m_timeBase);
+    // The picture in front has been taken for the next one as long as there was no step.
+    m_nextOrder += m_waiting.empty() ? m_step : 0;
+}
+
+void PresentationOrder::settleReordering(const CodedPicture& picture)
+{
+    // A second picture that leaves a gap in front of it says that others will come to fill the gap.
+    // Later gaps say nothing: pictures may have been lost.
+    const bool leavesGap = m_decoded == 1.0 && numberOf(picture.order, picture.frames) >= 2.0;
+    if (m_reorder == 0 && !picture.isReorderSure && leavesGap) {
+        m_reorder = 1;
+    }
+    const int ahead = static_cast<int>(std::ceil(framesAhead(picture.order)));
+    m_reorder = std::clamp(ahead, m_reorder, MostReordered);
+}
+
+/// Frames that were decoded before a picture and are shown after it.
+double PresentationOrder::framesAhead(int64_t order) const
+{
+    double frames = 0.0;
+    for (const Coded& picture : m_recent) {
+        frames += picture.order > order ? picture.frames : 0.0;
+    }
+    return frames;
+}
+
+void PresentationOrder::learnLeading(const CodedPicture& picture)
+{
+    const int64_t latest = m_waiting.empty() ? m_nextOrder - m_step : m_waiting.front().order;
+    if (m_step == 0 || picture.order <= latest || picture.frames < 1.0) {
+        return;
+    }
+    const double frames =
+        std::round(static_cast<double>(picture.order - latest) / static_cast<double>(m_step)) - 1.0;
+    if (frames <= MostReordered) {
+        (picture.isIntra ? m_leadingIntra : m_leadingOther) = std::max(0.0, frames);
+    }
+}
+
+double PresentationOrder::numberOf(int64_t order, double frames) const
+{
+    if (m_step == 0) {
+        return m_nextNumber;
+    }
+    const double away = static_cast<double>(order - m_nextOrder) / static_cast<double>(m_step);
+    // Order values that are times are uneven; pictures come in whole frames or in fields.
+    return m_nextNumber + std::round(away / frames) * frames;
+}
+
+double PresentationOrder::delayAt(double number) const
+{
+    return std::max(0.0, (m_delayEnd - number) * DelayLossPerFrame);
+}
+
+/// Lets those pictures go that a decoder puts out when it gets this one.
+void PresentationOrder::takeIn(const Coded& picture)
+{
+    m_recent.push_back(picture);
+    if (m_recent.size() > RecentPictures) {
+        m_recent.erase(m_recent.begin());
+    }
+    if (m_lastShown && picture.order < m_lastShown->order) {
+        // Decoders hold more back than was thought. All numbers behind it move up.
+        m_nextNumber += picture.frames;
+        return;
+    }
+    const auto isLater = [](const Coded& a, const Coded& b) { return a.order > b.order; };
+    m_waiting.insert(std::upper_bound(m_waiting.begin(), m_waiting.end(), picture, isLater),
+                     picture);
+    double frames = 0.0;
+    for (const Coded& waiting : m_waiting) {
+        frames += waiting.frames;
+    }
+    while (frames > m_reorder) {
+        const Coded shown = m_waiting.back();
+        m_waiting.pop_back();
+        frames -= shown.frames;
+        show(shown);
+    }
+}
+
+void PresentationOrder::show(const Coded& shown)
+{
+    const double missing = numberOf(shown.order, shown.frames) - m_nextNumber;
+    if (!m_lastShown && missing > 0.0) {
+        // What was expected in front of it does not exist, and times were given with it in mind.
+        const double latest =
+            m_waiting.empty() ? m_nextNumber + missing : numberOf(m_waiting.front().order, 1.0);
+        const double delay = missing + delayAt(latest);
+        m_delayEnd = latest - missing + delay / DelayLossPerFrame;
+    }
+    learnStep(shown);
+    m_nextNumber += shown.frames;
+    m_nextOrder = shown.order + std::llround(static_cast<double>(m_step) * shown.frames);
+    m_lastShown = shown;
+}
+
+void PresentationOrder::learnStep(const Coded& shown)
+{
+    if (!m_lastShown || m_lastShown->frames != 1.0 || m_reorder == 0) {
+        return;
+    }
+    const int64_t distance = shown.order - m_lastShown->order;
+    if (distance <= 0) {
+        return;
+    }
+    if (4 * distance < 3 * m_step) {
+        m_step = distance;
+    }
+    m_leastStep = m_stepsSeen == 0 ? distance : std::min(m_leastStep, distance);
+    if (++m_stepsSeen == StepWindow) {
+        m_stepsSeen = 0;
+        m_step = 2 * m_leastStep >= 3 * m_step ? m_leastStep : m_step;
+    }
+}
+
+} // namespace zel::av
