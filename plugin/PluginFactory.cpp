@@ -1,5 +1,6 @@
 #include "plugin/PluginFactory.h"
 
+#include "encoder/FFMpegEncoder.h"
 #include "input/FFMpegInput.h"
 
 #include <string_view>
@@ -12,8 +13,10 @@ zel::streamer::InputPluginInterface* InputPluginFactory()
 zel::streamer::TranscoderPluginInterface* TranscoderPluginFactory(const char* name)
 {
     const std::string_view stage = name ? name : "";
-    // FFMpegDecoder, FFMpegDemuxer, FFMpegEncoder and FFMpegAudioResampler are compared here, in
-    // this order, as they come to stand.
-    (void)stage;
+    // FFMpegDecoder and FFMpegDemuxer are compared in front of it, FFMpegAudioResampler behind it,
+    // as they come to stand.
+    if (stage == "FFMpegEncoder") {
+        return new FFMpegEncoder;
+    }
     return nullptr;
 }

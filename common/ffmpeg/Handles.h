@@ -3,6 +3,7 @@
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
+#include <libavutil/fifo.h>
 #include <libavutil/mem.h>
 #include <libswresample/swresample.h>
 #include <libswscale/swscale.h>
@@ -18,6 +19,32 @@ namespace zel::av {
 struct FormatContextDeleter
 {
     void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
+};
+
+/// For a context that writes; its I/O context has an owner of its own.
+struct OutputContextDeleter
+{
+    void operator()(AVFormatContext* context) const { avformat_free_context(context); }
+};
+
+/// For an I/O context of avio_alloc_context, with the buffer that it has by now.
+struct IOContextDeleter
+{
+    void operator()(AVIOContext* context) const
+    {
+        av_freep(&context->buffer);
+        avio_context_free(&context);
+    }
+};
+
+struct CodecParametersDeleter
+{
+    void operator()(AVCodecParameters* parameters) const { avcodec_parameters_free(&parameters); }
+};
+
+struct FifoDeleter
+{
+    void operator()(AVFifo* fifo) const { av_fifo_freep2(&fifo); }
 };
 
 struct CodecContextDeleter
@@ -56,6 +83,10 @@ struct MemoryDeleter
 };
 
 using FormatContext = std::unique_ptr<AVFormatContext, FormatContextDeleter>;
+using OutputContext = std::unique_ptr<AVFormatContext, OutputContextDeleter>;
+using IOContext = std::unique_ptr<AVIOContext, IOContextDeleter>;
+using CodecParameters = std::unique_ptr<AVCodecParameters, CodecParametersDeleter>;
+using Fifo = std::unique_ptr<AVFifo, FifoDeleter>;
 using CodecContext = std::unique_ptr<AVCodecContext, CodecContextDeleter>;
 using Packet = std::unique_ptr<AVPacket, PacketDeleter>;
 using Frame = std::unique_ptr<AVFrame, FrameDeleter>;

@@ -100,3 +100,8 @@ TEST_F(PluginLibrary, StaysLoadedAfterTheLastClose)
         dlclose(still);
     }
 }
+
+TEST_F(PluginLibrary, EncoderStageIsMadeByItsName)
+{
+    EXPECT_TRUE(hasStage("FFMpegEncoder"));
+}

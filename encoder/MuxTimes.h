@@ -1,0 +1,84 @@
+#pragma once
+
+#include "common/ffmpeg/CompositionOffsets.h"
+#include "common/ffmpeg/Handles.h"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+/// Makes complete time stamps of what the stage passes to a muxer.
+///
+/// The stage knows one presentation time a packet, and of encoded audio not even that: 0 stands for
+/// "behind the packet before". A muxer wants pts, dts and duration of every packet, none of them
+/// guessed:
+///
+///     encoded video   pts = dts = the stage's time
+///     copied video    dts = the stage's time, pts = dts + composition offset of the picture
+///     encoded audio   a clock in samples
+///     copied audio    pts = dts = the stage's time, counted from the first video packet
+///
+/// Audio and video keep the distance that they have in the medium. Where their beginnings lie too
+/// far apart for one medium, as in a capture with broken clocks, each begins at its own first.
+///
+/// Owner: a muxer. Threads: under the muxer's locks.
+class MuxTimes
+{
+public:
+    struct Stamp
+    {
+        int64_t pts = 0; ///< of the stream's time base, as all three
+        int64_t dts = 0;
+        int64_t duration = 0;
+    };
+
+    /// @param frame  seconds of one frame
+    void addVideo(const AVCodecParameters& parameters, AVRational frame, bool copied);
+    void addAudio(const AVCodecParameters& parameters, bool copied);
+    /// A header is out, which settles the time bases: all clocks begin anew.
+    void begin(AVRational videoTimeBase, AVRational audioTimeBase);
+
+    /// The first video packet is on its way, maybe behind audio that is written before it.
+    /// @param timestampUs  its time in the medium
+    /// @param pts          its time in the output, of the video stream's time base
+    /// @param firstPts     what is subtracted from all video times, of the same
+    void noteVideo(long long timestampUs, int64_t pts, int64_t firstPts);
+    /// The first samples for the audio encoder are on their way. Its first packet comes later and
+    /// carries a later time.
+    void noteSamples(long long timestampUs);
+
+    /// @param pts  counted from the first video packet
+    Stamp video(const unsigned char* data, int size, int64_t pts);
+    /// @param pts  as the stage passes it
+    Stamp audio(int size, int64_t pts, long long timestampUs);
+
+private:
+    /// One stream's side.
+    struct Stream
+    {
+        bool present = false;
+        bool copied = false;
+        AVRational timeBase{1, 1000};   ///< of the stream
+        std::optional<int64_t> lastDts; ///< since begin()
+    };
+
+    bool isNearVideo(long long timestampUs) const;
+    int64_t copiedAudioOrigin(int64_t pts, long long timestampUs) const;
+    int64_t encodedAudioStart(int64_t pts, long long timestampUs) const;
+    int64_t packetSamples(int size) const;
+    static int64_t behindLast(Stream& stream, int64_t dts);
+
+    Stream m_video;
+    Stream m_audio;
+    AVRational m_frame{1, 25}; ///< seconds
+    zel::av::CodecParameters m_audioParameters;
+    std::unique_ptr<zel::av::CompositionOffsets> m_composition; ///< null where nothing is reordered
+
+    // Since begin().
+    std::optional<long long> m_firstVideoUs;
+    long long m_videoOriginUs = 0; ///< time in the medium at which the video's output time is 0
+    int64_t m_firstVideoPts = 0;   ///< of the video stream's time base
+    std::optional<long long> m_firstSamplesUs;
+    std::optional<int64_t> m_audioOrigin; ///< of copied audio, of the audio stream's time base
+    std::optional<int64_t> m_audioClock;  ///< of encoded audio, samples
+};
