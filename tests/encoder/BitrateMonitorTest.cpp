@@ -165,6 +165,19 @@ TEST(BitrateMonitor, IntervalBelowASecondKeepsTheOldRates)
     EXPECT_EQ(textsOf(log), linesOf("M", ratesOf("M", 5, 0, 5, 0), 1500, 500, 500));
 }
 
+TEST(BitrateMonitor, RateOfAnIntervalIsNotCarriedIntoTheNext)
+{
+    LogCapture log;
+    BitrateMonitor monitor("M", true, 500);
+    monitor.write(0, 1 * second, PacketType::Video);
+    monitor.write(128000, 2 * second, PacketType::Video);
+    EXPECT_EQ(textsOf(log),
+              linesOf("M", ratesOf("M", 128000, 1000, 128000, 1000), 2000, 1000, 1000));
+    log.clear();
+    monitor.write(1, 2 * second + 500000, PacketType::Video);
+    EXPECT_EQ(textsOf(log), linesOf("M", ratesOf("M", 1, 0, 128001, 1000), 2500, 500, 1500));
+}
+
 TEST(BitrateMonitor, EndLineShowsTheRateAsLastComputed)
 {
     LogCapture log;
@@ -405,6 +418,24 @@ TEST(ReadWriteBitrateMonitor, EachReadIntervalBeginsAnewAndTheTotalGoesOn)
     monitor.read(500000);
     EXPECT_EQ(textsOf(log), linesOf("M - read", ratesOf("M - read", 500000, 390, 1500001, 585),
                                     21000, 10000, 20000));
+}
+
+TEST(ReadWriteBitrateMonitor, RateOfAReadIntervalIsNotCarriedIntoTheNext)
+{
+    LogCapture log;
+    ReadWriteBitrateMonitor monitor("M", true, 500);
+    monitor.write(1, 1 * second, PacketType::Video);
+    monitor.write(128000, 2 * second, PacketType::Video);
+    monitor.write(1, 2 * second + 500000, PacketType::Video);
+    monitor.read(1);
+    log.clear();
+    monitor.read(128000);
+    EXPECT_EQ(textsOf(log), linesOf("M - read", ratesOf("M - read", 128001, 1000, 128001, 1000),
+                                    2000, 1000, 1000));
+    log.clear();
+    monitor.read(1);
+    EXPECT_EQ(textsOf(log),
+              linesOf("M - read", ratesOf("M - read", 1, 0, 128002, 1000), 2500, 500, 1500));
 }
 
 TEST(ReadWriteBitrateMonitor, PendingWritesKeepTheLow32BitsOfTheirSize)
