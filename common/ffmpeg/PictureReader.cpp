@@ -23,6 +23,19 @@ std::size_t findStartCode(Bytes data, std::size_t from)
         std::search(begin, data.end(), std::begin(code), std::end(code)) - data.begin());
 }
 
+/// Of libavcodec's picture type, whose first numbers are those of the MPEG standards.
+CodedPicture::Kind kindOf(int type)
+{
+    switch (type) {
+    case AV_PICTURE_TYPE_I:
+        return CodedPicture::Kind::Intra;
+    case AV_PICTURE_TYPE_B:
+        return CodedPicture::Kind::Bidirectional;
+    default:
+        return CodedPicture::Kind::Predicted;
+    }
+}
+
 /// Frames that a decoder of this stream holds back, as it knows when it has decoded one packet.
 int decoderDelay(const AVCodecContext& stream, Bytes data)
 {
@@ -65,14 +78,18 @@ public:
     {
         m_parser.reset(av_parser_init(m_stream->codec_id));
         if (!m_parser) {
-            throw std::bad_alloc();
+            return; // left out of this build of the library: nothing is ever found
         }
         m_parser->flags |= PARSER_FLAG_COMPLETE_FRAMES | PARSER_FLAG_USE_CODEC_TS;
     }
 
 protected:
-    void parse(Bytes data)
+    /// @return false when there is no such parser
+    bool parse(Bytes data)
     {
+        if (!m_parser) {
+            return false;
+        }
         // What a parser does not find it leaves as it was.
         m_parser->picture_structure = AV_PICTURE_STRUCTURE_UNKNOWN;
         m_parser->pict_type = AV_PICTURE_TYPE_NONE;
@@ -83,6 +100,7 @@ protected:
         int outSize = 0;
         av_parser_parse2(m_parser.get(), m_stream.get(), &out, &outSize, m_padded.data(),
                          static_cast<int>(data.size()), AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0);
+        return true;
     }
 
     int delay(Bytes data)
@@ -122,8 +140,7 @@ public:
     bool read(const unsigned char* bytes, int size, CodedPicture& picture) override
     {
         const Bytes data(bytes, static_cast<std::size_t>(size));
-        parse(data);
-        if (found().picture_structure == AV_PICTURE_STRUCTURE_UNKNOWN) {
+        if (!parse(data) || found().picture_structure == AV_PICTURE_STRUCTURE_UNKNOWN) {
             return false;
         }
         const bool isFrame = found().picture_structure == AV_PICTURE_STRUCTURE_FRAME;
@@ -134,7 +151,7 @@ public:
         // set in do not.
         picture.beginsAnew = slices.isInstantRefresh && !m_wasInstantRefresh;
         picture.firstOrder = picture.order;
-        picture.isIntra = found().pict_type == AV_PICTURE_TYPE_I;
+        picture.kind = kindOf(found().pict_type);
         picture.reorder = delay(data);
         // The second field of such a picture may come as a packet of its own.
         m_wasInstantRefresh =
@@ -211,12 +228,12 @@ public:
     bool read(const unsigned char* bytes, int size, CodedPicture& picture) override
     {
         const Bytes data(bytes, static_cast<std::size_t>(size));
-        parse(data);
-        if (found().pts == AV_NOPTS_VALUE) {
+        if (!parse(data) || found().pts == AV_NOPTS_VALUE) {
             return false;
         }
         picture.order = found().pts;
-        picture.isIntra = found().pict_type == AV_PICTURE_TYPE_I;
+        picture.tick = PartsOfSecond / std::max(1, stream().framerate.num);
+        picture.kind = kindOf(found().pict_type);
         picture.reorder = delay(data);
         picture.isReorderSure = true;
         return true;
@@ -253,7 +270,7 @@ public:
                 beginsGroup = true;
             } else if (code == PictureCode && ++pictures == 1) {
                 m_reference = header[0] << 2 | header[1] >> 6;
-                picture.isIntra = (header[1] >> 3 & 7U) == 1;
+                picture.kind = kindOf(header[1] >> 3 & 7);
             } else if (code == ExtensionCode && header[0] >> 4 == SequenceExtension &&
                        header.size() > 5) {
                 m_delay = (header[5] & 0x80U) != 0 ? 0 : 1;

@@ -8,17 +8,21 @@
 namespace zel::av {
 namespace {
 
-const int MostReordered = 16;  // frames, the most that any codec's decoder keeps
-const int FarthestFrames = 64; // what lies farther away has no connection
+const int MostReordered = 16;                     // frames, the most that any codec's decoder keeps
+const int64_t FarthestFrames = MostReordered + 1; // what lies farther away has no connection
 const std::size_t RecentPictures = 4 * MostReordered;
+const int64_t FastestTicks = 60; // a second, that are frames; faster ones divide frames
 const double DelayLossPerFrame = 0.125;
 const int StepWindow = 16; // distances that have to agree on a greater step
 const double UsualRates[] = {25.0, 30.0, 24.0, 50.0, 60.0, 15.0, 20.0, 12.5, 10.0};
 
 /// The distance of two frames, from that of two pictures in the order of decoding: the usual frame
-/// rate of which it is a multiple.
-int64_t likelyStep(int64_t distance, int64_t timeBase)
+/// rate of which it is a multiple, unless the clock of the stream tells.
+int64_t likelyStep(int64_t distance, int64_t timeBase, int64_t tick)
 {
+    if (tick * FastestTicks >= timeBase) {
+        return tick;
+    }
     const double seconds = static_cast<double>(distance) / static_cast<double>(timeBase);
     for (const double rate : UsualRates) {
         const double frames = std::round(seconds * rate);
@@ -46,6 +50,9 @@ void PresentationOrder::reset()
 
 double PresentationOrder::next(const CodedPicture& picture)
 {
+    if (!m_isBegun && !picture.beginsAnew && picture.kind == CodedPicture::Kind::Bidirectional) {
+        return 0.0; // not decodable, and its order value may be wrong without those before it
+    }
     m_reorder = std::clamp(picture.reorder, m_reorder, MostReordered);
     settleStep(picture);
     if (!m_isBegun || picture.beginsAnew || !isConnected(picture)) {
@@ -54,25 +61,24 @@ double PresentationOrder::next(const CodedPicture& picture)
         learnLeading(picture);
         settleReordering(picture);
     }
-    const double index = m_decoded;
     const double number = numberOf(picture.order, picture.frames);
+    const double shown = number + delayAt(number) + m_reorder;
+    const double offset = m_reorder == 0 ? 0.0 : std::max(0.0, shown - m_decoded);
     m_decoded += picture.frames;
     takeIn({picture.order, picture.frames});
-    if (m_reorder == 0) {
-        return 0.0;
-    }
-    return std::max(0.0, number + delayAt(number) - index + m_reorder);
+    return offset;
 }
 
 /// Whether the order value goes on from those before it. Encoders let it begin again without a
 /// sign now and then, and recordings are joined.
 bool PresentationOrder::isConnected(const CodedPicture& picture) const
 {
-    const bool isFar =
-        m_step > 0 && std::abs(picture.order - m_nextOrder) > FarthestFrames * m_step;
+    const int64_t latest = m_waiting.empty() ? m_nextOrder : m_waiting.front().order;
+    const bool isFar = picture.order < m_nextOrder - FarthestFrames * m_step ||
+                       picture.order > latest + FarthestFrames * m_step;
     // No picture is held back for an intra picture: others refer to it.
-    const double mostAhead = picture.isIntra ? m_reorder : MostReordered;
-    return !isFar && framesAhead(picture.order) <= mostAhead;
+    const double mostAhead = picture.kind == CodedPicture::Kind::Intra ? m_reorder : MostReordered;
+    return (m_step == 0 || !isFar) && framesAhead(picture.order) <= mostAhead;
 }
 
 void PresentationOrder::begin(const CodedPicture& picture)
@@ -84,7 +90,8 @@ void PresentationOrder::begin(const CodedPicture& picture)
     m_stepsSeen = 0;
     m_nextNumber = m_decoded;
     if (!picture.beginsAnew) {
-        m_nextOrder = picture.order - std::llround(usualLeading() * static_cast<double>(m_step));
+        m_nextOrder =
+            picture.order - std::llround(usualLeading(picture.kind) * static_cast<double>(m_step));
     } else if (picture.order - picture.firstOrder <= FarthestFrames * m_step) {
         m_nextOrder = picture.firstOrder;
     } else {
@@ -92,12 +99,13 @@ void PresentationOrder::begin(const CodedPicture& picture)
     }
 }
 
-double PresentationOrder::usualLeading() const
+/// Frames that are decoded after a picture of this kind and shown before it.
+double PresentationOrder::usualLeading(CodedPicture::Kind kind) const
 {
     if (m_reorder == 0) {
         return 0.0;
     }
-    if (m_leadingIntra) {
+    if (m_leadingIntra && (kind == CodedPicture::Kind::Intra || !m_leadingOther)) {
         return *m_leadingIntra;
     }
     // Two B pictures where one frame is held back, a pyramid of three where it is two.
@@ -110,9 +118,9 @@ void PresentationOrder::settleStep(const CodedPicture& picture)
     if (m_step > 0 || !m_isBegun || distance <= 0) {
         return;
     }
-    m_step = m_reorder == 0 ? distance : likelyStep(distance, m_timeBase);
-    // The picture in front has been taken for the next one as long as there was no step.
-    m_nextOrder += m_waiting.empty() ? m_step : 0;
+    m_step = m_reorder == 0 ? distance : likelyStep(distance, m_timeBase, picture.tick);
+    m_isStepGuessed = true;
+    m_nextOrder += m_lastShown ? m_step : 0;
 }
 
 void PresentationOrder::settleReordering(const CodedPicture& picture)
@@ -145,8 +153,14 @@ void PresentationOrder::learnLeading(const CodedPicture& picture)
     }
     const double frames =
         std::round(static_cast<double>(picture.order - latest) / static_cast<double>(m_step)) - 1.0;
-    if (frames <= MostReordered) {
-        (picture.isIntra ? m_leadingIntra : m_leadingOther) = std::max(0.0, frames);
+    if (frames > MostReordered) {
+        return; // pictures were lost
+    }
+    if (picture.kind == CodedPicture::Kind::Intra) {
+        // Too many do less harm than too few.
+        m_leadingIntra = std::max(m_leadingIntra.value_or(0.0), frames);
+    } else {
+        m_leadingOther = std::max(0.0, frames);
     }
 }
 
@@ -217,8 +231,9 @@ void PresentationOrder::learnStep(const Coded& shown)
     if (distance <= 0) {
         return;
     }
-    if (4 * distance < 3 * m_step) {
+    if (m_isStepGuessed || 4 * distance < 3 * m_step) {
         m_step = distance;
+        m_isStepGuessed = false;
     }
     m_leastStep = m_stepsSeen == 0 ? distance : std::min(m_leastStep, distance);
     if (++m_stepsSeen == StepWindow) {

@@ -9,11 +9,19 @@ namespace zel::av {
 /// What a coded picture says about its place in the order of presentation.
 struct CodedPicture
 {
+    enum class Kind
+    {
+        Intra,
+        Predicted,
+        Bidirectional
+    };
+
     int64_t order = 0;       ///< grows with the time of presentation
     double frames = 1.0;     ///< 0.5 for a packet with a single field
     bool beginsAnew = false; ///< all pictures decoded before are shown before it and what follows
     int64_t firstOrder = 0;  ///< where it begins anew: order of what is shown first from here on
-    bool isIntra = false;
+    Kind kind = Kind::Predicted;
+    int64_t tick = 0;           ///< of which order values are multiples, where they are times
     int reorder = 0;            ///< frames that a decoder holds back, as far as the stream says it
     bool isReorderSure = false; ///< false: the true number may be greater
 };
@@ -58,7 +66,7 @@ private:
     };
 
     void begin(const CodedPicture& picture);
-    double usualLeading() const;
+    double usualLeading(CodedPicture::Kind kind) const;
     void settleStep(const CodedPicture& picture);
     void settleReordering(const CodedPicture& picture);
     double framesAhead(int64_t order) const;
@@ -75,10 +83,11 @@ private:
 
     // What is known of the stream.
     int64_t m_step;
-    int m_reorder = 0;                    ///< frames
-    std::optional<double> m_leadingIntra; ///< frames shown before the last intra picture that was
-                                          ///< decoded before them
-    std::optional<double> m_leadingOther; ///< the same of other pictures
+    bool m_isStepGuessed = false;
+    int m_reorder = 0; ///< frames
+    /// Frames decoded behind an intra picture and shown before it, the most that were seen.
+    std::optional<double> m_leadingIntra;
+    std::optional<double> m_leadingOther; ///< the same of the last predicted picture
 
     // Where the stream is.
     double m_decoded = 0.0; ///< frames decoded
