@@ -524,7 +524,10 @@ void BasicMuxer::setVideoExtradata(const unsigned char* data, int size)
     m_newExtradata = true;
     m_times.addVideo(codec, m_streams[static_cast<std::size_t>(m_videoStreamIndex)].timeBase, true);
     const int index = m_videoStreamIndex;
-    if (m_outputContext && static_cast<int>(m_outputContext->nb_streams) > index) {
+    // FLV writes what is new to it in front of the next picture, and so must not know it yet.
+    const bool announcesItself = ssicmp(m_profile->outputStream()->getFormat(), "flv") == 0;
+    if (m_outputContext && !announcesItself &&
+        static_cast<int>(m_outputContext->nb_streams) > index) {
         avcodec_parameters_copy(m_outputContext->streams[index]->codecpar, &codec);
     }
 }
