@@ -1,5 +1,7 @@
 #include "common/ffmpeg/PictureEncoder.h"
 
+#include <utility>
+
 namespace zel::av {
 
 Frame makePicture(const AVCodecContext& encoder)
@@ -41,16 +43,30 @@ PictureEncoder::PictureEncoder(AVCodecContext& opened) : m_encoder(opened), m_pa
 const AVPacket* PictureEncoder::encode(AVFrame& picture)
 {
     av_packet_unref(m_packet.get());
-    const int sent = avcodec_send_frame(&m_encoder, &picture);
-    if (sent < 0 && sent != AVERROR(EAGAIN)) {
+    int sent = avcodec_send_frame(&m_encoder, &picture);
+    while (sent == AVERROR(EAGAIN) && receive()) {
+        sent = avcodec_send_frame(&m_encoder, &picture);
+    }
+    while (receive()) {
+    }
+    if (m_waiting.empty()) {
         return nullptr;
     }
-    const bool received = avcodec_receive_packet(&m_encoder, m_packet.get()) >= 0;
-    if (sent < 0 && received) {
-        // An older packet was in the way; the one of this picture comes out at a later call.
-        avcodec_send_frame(&m_encoder, &picture);
+    m_packet.swap(m_waiting.front());
+    m_spare = std::move(m_waiting.front());
+    m_waiting.pop_front();
+    return m_packet.get();
+}
+
+bool PictureEncoder::receive()
+{
+    Packet packet = m_spare ? std::move(m_spare) : makePacket();
+    if (avcodec_receive_packet(&m_encoder, packet.get()) < 0) {
+        m_spare = std::move(packet);
+        return false;
     }
-    return received ? m_packet.get() : nullptr;
+    m_waiting.push_back(std::move(packet));
+    return true;
 }
 
 } // namespace zel::av

@@ -2,6 +2,8 @@
 
 #include "common/ffmpeg/Handles.h"
 
+#include <deque>
+
 namespace zel::av {
 
 /// A picture with memory of its own in the size and pixel format of an encoder, lines aligned for
@@ -15,7 +17,7 @@ Frame makePicture(const AVCodecContext& encoder);
 /// @return false when there is no memory; the picture is then as it was
 bool renewIfShared(AVFrame& picture);
 
-/// One picture in, at most one packet out.
+/// One picture in, at most one packet out, in the encoder's order.
 ///
 /// Made for encoders that hold nothing back. One that does is never drained: what it holds at the
 /// end stays inside.
@@ -32,8 +34,12 @@ public:
     const AVPacket* encode(AVFrame& picture);
 
 private:
+    bool receive();
+
     AVCodecContext& m_encoder;
-    Packet m_packet;
+    Packet m_packet;              ///< the one that the caller reads
+    std::deque<Packet> m_waiting; ///< came beside it; empty with encoders that hold nothing back
+    Packet m_spare;
 };
 
 } // namespace zel::av
