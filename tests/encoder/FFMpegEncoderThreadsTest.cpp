@@ -345,6 +345,7 @@ TEST_P(FFMpegEncoderSchedules, RandomCallsFromThreeThreadsEndAndLoseNoPacket)
                   0);
         ASSERT_EQ(stage.start(), 1);
         std::atomic<bool> ended{false};
+        std::atomic<int> written{0};
         std::thread writer([&] {
             const std::string picture(static_cast<std::size_t>(GetParam().pictureBytes), 'p');
             const std::string audio(static_cast<std::size_t>(GetParam().audioBytes), 'a');
@@ -357,6 +358,7 @@ TEST_P(FFMpegEncoderSchedules, RandomCallsFromThreeThreadsEndAndLoseNoPacket)
                                    static_cast<int>(data.size()),
                                    FrameUs * static_cast<unsigned int>(i) / 2, 0, i % 10 == 0);
                 stage.write(packet);
+                ++written;
             }
         });
         std::thread reader([&] {
@@ -368,7 +370,11 @@ TEST_P(FFMpegEncoderSchedules, RandomCallsFromThreeThreadsEndAndLoseNoPacket)
             }
         });
         std::mt19937 random(round);
-        for (int i = 0; i < 12; ++i) {
+        // Each call comes when the writer is a random stretch further.
+        for (int due = 0; due < Packets; due += static_cast<int>(random() % 20)) {
+            while (written < due) {
+                std::this_thread::yield();
+            }
             controlCall(stage, session, static_cast<unsigned int>(random()));
         }
         stage.stop();
