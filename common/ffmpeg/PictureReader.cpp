@@ -106,18 +106,31 @@ protected:
     int delay(Bytes data)
     {
         if (!m_delay) {
-            m_delay = decoderDelay(*m_stream, data);
+            m_front.insert(m_front.end(), data.begin(), data.end());
+            m_delay = decoderDelay(*m_stream, m_front);
+            m_front.clear();
         }
         return *m_delay;
+    }
+
+    /// A packet without a picture: a decoder may need what is in it.
+    void keepFront(Bytes data)
+    {
+        if (!m_delay && m_front.size() + data.size() <= MostFront) {
+            m_front.insert(m_front.end(), data.begin(), data.end());
+        }
     }
 
     const AVCodecContext& stream() const { return *m_stream; }
     const AVCodecParserContext& found() const { return *m_parser; }
 
 private:
+    static const std::size_t MostFront = 65536;
+
     CodecContext m_stream; ///< never opened; the parser keeps the set-up data in it
     Parser m_parser;
     std::vector<unsigned char> m_padded;
+    std::vector<unsigned char> m_front; ///< packets in front of the first picture
     std::optional<int> m_delay;
 };
 
@@ -141,6 +154,7 @@ public:
     {
         const Bytes data(bytes, static_cast<std::size_t>(size));
         if (!parse(data) || found().picture_structure == AV_PICTURE_STRUCTURE_UNKNOWN) {
+            keepFront(data);
             return false;
         }
         const bool isFrame = found().picture_structure == AV_PICTURE_STRUCTURE_FRAME;
@@ -229,10 +243,11 @@ public:
     {
         const Bytes data(bytes, static_cast<std::size_t>(size));
         if (!parse(data) || found().pts == AV_NOPTS_VALUE) {
+            keepFront(data);
             return false;
         }
         picture.order = found().pts;
-        picture.tick = PartsOfSecond / std::max(1, stream().framerate.num);
+        picture.clock = stream().framerate.num;
         picture.kind = kindOf(found().pict_type);
         picture.reorder = delay(data);
         picture.isReorderSure = true;

@@ -11,23 +11,29 @@ namespace {
 const int MostReordered = 16;                     // frames, the most that any codec's decoder keeps
 const int64_t FarthestFrames = MostReordered + 1; // what lies farther away has no connection
 const std::size_t RecentPictures = 4 * MostReordered;
-const int64_t FastestTicks = 60; // a second, that are frames; faster ones divide frames
+const int64_t FastestFrameClock = 60; // ticks a second; faster clocks divide frames
+const int64_t ExactClock = 24000;     // from here on they divide them evenly
 const double DelayLossPerFrame = 0.125;
-const int StepWindow = 16; // distances that have to agree on a greater step
+const double MostDelay = 8.0; // frames
+const int StepWindow = 16;    // distances that have to agree on a greater step
 const double UsualRates[] = {25.0, 30.0, 24.0, 50.0, 60.0, 15.0, 20.0, 12.5, 10.0};
 
 /// The distance of two frames, from that of two pictures in the order of decoding: the usual frame
 /// rate of which it is a multiple, unless the clock of the stream tells.
-int64_t likelyStep(int64_t distance, int64_t timeBase, int64_t tick)
+/// @param timeBase  units of the distance in a second
+int64_t likelyStep(int64_t distance, int64_t timeBase, int64_t clock)
 {
-    if (tick * FastestTicks >= timeBase) {
-        return tick;
+    if (clock > 0 && clock <= FastestFrameClock) {
+        return timeBase / clock;
     }
     const double seconds = static_cast<double>(distance) / static_cast<double>(timeBase);
+    const int64_t ticks = std::llround(seconds * static_cast<double>(clock));
     for (const double rate : UsualRates) {
         const double frames = std::round(seconds * rate);
-        if (frames >= 1.0 && frames <= MostReordered &&
-            std::abs(seconds * rate - frames) < 0.01 * frames) {
+        const bool isMultiple = frames >= 1.0 && frames <= MostReordered &&
+                                std::abs(seconds * rate - frames) < 0.01 * frames;
+        // Clocks that are not made for the frame rate are coarse.
+        if (isMultiple && (clock < ExactClock || ticks % std::llround(frames) == 0)) {
             return std::llround(static_cast<double>(distance) / frames);
         }
     }
@@ -73,9 +79,10 @@ double PresentationOrder::next(const CodedPicture& picture)
 /// sign now and then, and recordings are joined.
 bool PresentationOrder::isConnected(const CodedPicture& picture) const
 {
+    const int64_t far = FarthestFrames * m_step;
     const int64_t latest = m_waiting.empty() ? m_nextOrder : m_waiting.front().order;
-    const bool isFar = picture.order < m_nextOrder - FarthestFrames * m_step ||
-                       picture.order > latest + FarthestFrames * m_step;
+    const bool isFar = picture.order < m_nextOrder - far || picture.order > latest + far ||
+                       picture.order > m_nextOrder + 2 * far;
     // No picture is held back for an intra picture: others refer to it.
     const double mostAhead = picture.kind == CodedPicture::Kind::Intra ? m_reorder : MostReordered;
     return (m_step == 0 || !isFar) && framesAhead(picture.order) <= mostAhead;
@@ -89,9 +96,11 @@ void PresentationOrder::begin(const CodedPicture& picture)
     m_lastShown.reset();
     m_stepsSeen = 0;
     m_nextNumber = m_decoded;
+    m_guessedLeading.reset();
+    m_beganWith = picture.kind;
     if (!picture.beginsAnew) {
-        m_nextOrder =
-            picture.order - std::llround(usualLeading(picture.kind) * static_cast<double>(m_step));
+        m_guessedLeading = usualLeading(picture.kind);
+        m_nextOrder = picture.order - std::llround(*m_guessedLeading * static_cast<double>(m_step));
     } else if (picture.order - picture.firstOrder <= FarthestFrames * m_step) {
         m_nextOrder = picture.firstOrder;
     } else {
@@ -118,7 +127,7 @@ void PresentationOrder::settleStep(const CodedPicture& picture)
     if (m_step > 0 || !m_isBegun || distance <= 0) {
         return;
     }
-    m_step = m_reorder == 0 ? distance : likelyStep(distance, m_timeBase, picture.tick);
+    m_step = m_reorder == 0 ? distance : likelyStep(distance, m_timeBase, picture.clock);
     m_isStepGuessed = true;
     m_nextOrder += m_lastShown ? m_step : 0;
 }
@@ -213,8 +222,12 @@ void PresentationOrder::show(const Coded& shown)
         // What was expected in front of it does not exist, and times were given with it in mind.
         const double latest =
             m_waiting.empty() ? m_nextNumber + missing : numberOf(m_waiting.front().order, 1.0);
-        const double delay = missing + delayAt(latest);
+        const double delay = std::min(missing + delayAt(latest), MostDelay);
         m_delayEnd = latest - missing + delay / DelayLossPerFrame;
+    }
+    if (!m_lastShown && m_guessedLeading) {
+        const double leading = std::clamp(*m_guessedLeading - missing, 0.0, double{MostReordered});
+        (m_beganWith == CodedPicture::Kind::Intra ? m_leadingIntra : m_leadingOther) = leading;
     }
     learnStep(shown);
     m_nextNumber += shown.frames;

@@ -21,8 +21,8 @@ struct CodedPicture
     bool beginsAnew = false; ///< all pictures decoded before are shown before it and what follows
     int64_t firstOrder = 0;  ///< where it begins anew: order of what is shown first from here on
     Kind kind = Kind::Predicted;
-    int64_t tick = 0;           ///< of which order values are multiples, where they are times
-    int reorder = 0;            ///< frames that a decoder holds back, as far as the stream says it
+    int64_t clock = 0; ///< where order values are times: ticks a second that they are made of
+    int reorder = 0;   ///< frames that a decoder holds back, as far as the stream says it
     bool isReorderSure = false; ///< false: the true number may be greater
 };
 
@@ -85,7 +85,8 @@ private:
     int64_t m_step;
     bool m_isStepGuessed = false;
     int m_reorder = 0; ///< frames
-    /// Frames decoded behind an intra picture and shown before it, the most that were seen.
+    /// Frames decoded behind an intra picture and shown before it: as it was where the stream was
+    /// entered last, or more if more were seen.
     std::optional<double> m_leadingIntra;
     std::optional<double> m_leadingOther; ///< the same of the last predicted picture
 
@@ -97,6 +98,8 @@ private:
     std::vector<Coded> m_recent;      ///< what was decoded last, since it began anew
     std::vector<Coded> m_waiting;     ///< decoded and not yet shown; the latest in front
     std::optional<Coded> m_lastShown; ///< since it began anew
+    CodedPicture::Kind m_beganWith = CodedPicture::Kind::Intra;
+    std::optional<double> m_guessedLeading; ///< of the picture with which it began
     double m_delayEnd = 0.0; ///< number of the picture from which there is no delay any more
 
     // Distances of the last pictures, for the step.
