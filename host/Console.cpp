@@ -19,8 +19,9 @@ constexpr int FirstFreeDescriptor = 3;
 
 int openLogTarget(const std::string& target)
 {
-    if (target == "-")
+    if (target == "-") {
         return fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, FirstFreeDescriptor);
+    }
     const char* path = target.empty() ? "/dev/null" : target.c_str();
     return open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
 }
@@ -39,8 +40,9 @@ Console::Console(const std::string& logTarget)
       m_logsToTerminal(logTarget == "-")
 {
     const int aside = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, FirstFreeDescriptor);
-    if (aside < 0)
+    if (aside < 0) {
         throw systemError("standard output", errno);
+    }
     m_out = fdopen(aside, "w");
     if (m_out == nullptr) {
         const int reason = errno;
@@ -77,8 +79,9 @@ int Console::columns() const
 void Console::flush()
 {
     errno = 0;
-    if (std::fflush(m_out) != 0 || std::ferror(m_out) != 0)
+    if (std::fflush(m_out) != 0 || std::ferror(m_out) != 0) {
         throw systemError("standard output", errno != 0 ? errno : EIO);
+    }
 }
 
 } // namespace zel::host

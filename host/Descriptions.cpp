@@ -16,8 +16,9 @@ using Json = nlohmann::ordered_json;
 template <class Value>
 void put(Json& object, const char* key, const std::optional<Value>& value)
 {
-    if (value)
+    if (value) {
         object[key] = *value;
+    }
 }
 
 const char* pixelFormatName(streamer::VideoPixelFormat::Enum format)
@@ -63,8 +64,9 @@ Json toJson(const VideoRecord& video)
     put(json, "height", video.height);
     put(json, "frameRate", video.frameRate);
     put(json, "bitrate", video.bitrate);
-    if (video.pixelFormat)
+    if (video.pixelFormat) {
         json["pixelFormat"] = pixelFormatName(*video.pixelFormat);
+    }
     put(json, "bitsPerPixel", video.bitsPerPixel);
     put(json, "pixelAspectNumerator", video.pixelAspectNumerator);
     put(json, "pixelAspectDenominator", video.pixelAspectDenominator);
@@ -83,8 +85,9 @@ std::string number(double value, int decimals)
     std::string result = text;
     if (result.find('.') != std::string::npos) {
         result.erase(result.find_last_not_of('0') + 1);
-        if (result.back() == '.')
+        if (result.back() == '.') {
             result.pop_back();
+        }
     }
     return result;
 }
@@ -113,8 +116,9 @@ Json toJson(const MediumRecord& medium)
     put(json, "title", medium.title);
     put(json, "artist", medium.artist);
     put(json, "album", medium.album);
-    if (!medium.properties.values.empty())
+    if (!medium.properties.values.empty()) {
         json["properties"] = medium.properties.values;
+    }
     return json;
 }
 
@@ -123,12 +127,15 @@ Json toJson(const OutputStreamRecord& stream)
     Json json = Json::object();
     put(json, "format", stream.format);
     put(json, "multiplexed", stream.multiplexed);
-    if (stream.video.isPresent())
+    if (stream.video.isPresent()) {
         json["video"] = toJson(stream.video);
-    if (stream.audio.isPresent())
+    }
+    if (stream.audio.isPresent()) {
         json["audio"] = toJson(stream.audio);
-    if (!stream.properties.values.empty())
+    }
+    if (!stream.properties.values.empty()) {
         json["properties"] = stream.properties.values;
+    }
     return json;
 }
 
@@ -143,12 +150,14 @@ std::string printable(std::string_view text)
     std::string result(text);
     for (size_t i = 0; i < result.size(); ++i) {
         const auto byte = static_cast<unsigned char>(result[i]);
-        if (byte < ' ' || byte == 127)
+        if (byte < ' ' || byte == 127) {
             result[i] = ' ';
+        }
         // The second set of control characters, in UTF-8: 0xC2 and a byte below 0xA0.
         const bool pair = byte == 0xC2 && i + 1 < result.size();
-        if (pair && static_cast<unsigned char>(result[i + 1]) < 0xA0)
+        if (pair && static_cast<unsigned char>(result[i + 1]) < 0xA0) {
             result.replace(i, 2, "  ");
+        }
     }
     return result;
 }
@@ -156,53 +165,65 @@ std::string printable(std::string_view text)
 std::string videoLine(const VideoRecord& video)
 {
     std::string line = printable(video.getCodec());
-    if (video.pixelFormat && video.codec == "raw")
+    if (video.pixelFormat && video.codec == "raw") {
         line += std::string(" ") + pixelFormatName(*video.pixelFormat);
-    if (video.getWidth() > 0)
+    }
+    if (video.getWidth() > 0) {
         append(line, std::to_string(video.getWidth()) + "x" + std::to_string(video.getHeight()));
+    }
     const int numerator = video.getPixelAspectNumerator();
     const int denominator = video.getPixelAspectDenominator();
-    if (numerator > 0 && denominator > 0 && numerator != denominator)
+    if (numerator > 0 && denominator > 0 && numerator != denominator) {
         append(line, "pixels " + std::to_string(numerator) + ":" + std::to_string(denominator));
-    if (video.getFrameRate() > 0)
+    }
+    if (video.getFrameRate() > 0) {
         append(line, number(video.getFrameRate(), 3) + " fps");
-    if (video.getBitrate() > 0)
+    }
+    if (video.getBitrate() > 0) {
         append(line, bitrateText(video.getBitrate()));
+    }
     return line;
 }
 
 std::string audioLine(const AudioRecord& audio)
 {
     std::string line = printable(audio.getCodec());
-    if (audio.getBitsPerSample() > 0 && audio.codec == "raw")
+    if (audio.getBitsPerSample() > 0 && audio.codec == "raw") {
         line.append(" ").append(std::to_string(audio.getBitsPerSample())).append(" bits");
-    if (audio.getSampleRate() > 0)
+    }
+    if (audio.getSampleRate() > 0) {
         append(line, std::to_string(audio.getSampleRate()) + " Hz");
+    }
     const int channels = audio.getChannels();
-    if (channels == 1 || channels == 2)
+    if (channels == 1 || channels == 2) {
         append(line, channels == 1 ? "mono" : "stereo");
-    else if (channels > 2)
+    } else if (channels > 2) {
         append(line, std::to_string(channels) + " channels");
-    if (audio.getBitrate() > 0)
+    }
+    if (audio.getBitrate() > 0) {
         append(line, bitrateText(audio.getBitrate()));
+    }
     return line;
 }
 
 void TextTable::add(const std::string& label, const std::string& value)
 {
-    if (!value.empty())
+    if (!value.empty()) {
         m_rows.push_back({label, value});
+    }
 }
 
 std::string TextTable::text() const
 {
     size_t width = 0;
-    for (const Row& row : m_rows)
+    for (const Row& row : m_rows) {
         width = std::max(width, row.label.size());
+    }
     std::string result;
-    for (const Row& row : m_rows)
+    for (const Row& row : m_rows) {
         result +=
             "  " + row.label + std::string(width - row.label.size() + 2, ' ') + row.value + "\n";
+    }
     return result;
 }
 

@@ -17,8 +17,9 @@ constexpr size_t DigestSize = 16;
 
 FrameHashes::FrameHashes(FILE* out) : m_out(out), m_state(av_md5_alloc())
 {
-    if (m_state == nullptr)
+    if (m_state == nullptr) {
         throw std::bad_alloc();
+    }
 }
 
 FrameHashes::~FrameHashes()
@@ -33,13 +34,15 @@ void FrameHashes::take(const Frame& frame)
     av_md5_update(m_state, frame.data, frame.data == nullptr ? 0 : frame.size);
     av_md5_final(m_state, digest);
     char text[2 * DigestSize + 1];
-    for (size_t i = 0; i < DigestSize; ++i)
+    for (size_t i = 0; i < DigestSize; ++i) {
         std::snprintf(text + 2 * i, 3, "%02x", digest[i]);
-    if (frame.hasTimestamp())
+    }
+    if (frame.hasTimestamp()) {
         std::fprintf(m_out, "%s, %lld, %u, %s\n", kindName(frame.type),
                      static_cast<long long>(frame.timestampUs), frame.size, text);
-    else
+    } else {
         std::fprintf(m_out, "%s, -, %u, %s\n", kindName(frame.type), frame.size, text);
+    }
 }
 
 const char* kindName(streamer::PacketType::Enum type)

@@ -17,12 +17,15 @@ namespace {
 std::string fileTrouble(const std::string& path)
 {
     struct stat status = {};
-    if (stat(path.c_str(), &status) != 0 || access(path.c_str(), R_OK) != 0)
+    if (stat(path.c_str(), &status) != 0 || access(path.c_str(), R_OK) != 0) {
         return std::generic_category().message(errno);
-    if (S_ISDIR(status.st_mode))
+    }
+    if (S_ISDIR(status.st_mode)) {
         return std::generic_category().message(EISDIR);
-    if (S_ISREG(status.st_mode) && status.st_size == 0)
+    }
+    if (S_ISREG(status.st_mode) && status.st_size == 0) {
         return "The file is empty";
+    }
     return {};
 }
 
@@ -45,10 +48,12 @@ void Input::setMedium(const std::string& medium, int decoderThreads)
     m_name = medium;
     m_medium = MediumRecord(medium);
     // A relative name with a colon would look like a URL to the demuxers.
-    if (m_medium.protocol.empty() && !medium.empty())
+    if (m_medium.protocol.empty() && !medium.empty()) {
         m_medium.url = std::filesystem::absolute(medium);
-    if (decoderThreads > 0)
+    }
+    if (decoderThreads > 0) {
         m_medium.setProperty("decoderThreads", std::to_string(decoderThreads).c_str());
+    }
 }
 
 void Input::open()
@@ -69,12 +74,14 @@ void Input::open()
 
 HostError Input::openError(const ErrorRecord& error) const
 {
-    if (m_stop.isRequested())
+    if (m_stop.isRequested()) {
         return HostError(m_name + ": Interrupted");
+    }
     constexpr int NotRenderable = 2;
     std::string detail = m_medium.protocol.empty() ? fileTrouble(m_medium.url) : std::string();
-    if (detail.empty() && error.code && *error.code != NotRenderable)
+    if (detail.empty() && error.code && *error.code != NotRenderable) {
         detail = "code " + std::to_string(*error.code);
+    }
     const std::string reason = error.message.value_or("The medium could not be opened");
     return HostError(m_name + ": " + reason + (detail.empty() ? "" : " (" + detail + ")"));
 }
@@ -117,8 +124,9 @@ OutputStreamRecord Input::describeOutput()
 
 void Input::_inputEvent(streamer::InputEvent::Enum event, int, int, void* self)
 {
-    if (event == streamer::InputEvent::BrokenStream)
+    if (event == streamer::InputEvent::BrokenStream) {
         static_cast<Input*>(self)->m_broken = true;
+    }
 }
 
 } // namespace zel::host

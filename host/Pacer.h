@@ -26,8 +26,9 @@ public:
         const auto now = std::chrono::steady_clock::now();
         const auto time = microseconds(timestampUs);
         if (!m_origin || *m_origin + time > now + LongestWait ||
-            *m_origin + time + LongestWait < now)
+            *m_origin + time + LongestWait < now) {
             m_origin = now - time;
+        }
         return m_stop.sleepUntil(*m_origin + time);
     }
 

@@ -22,13 +22,16 @@ using Clock = std::chrono::steady_clock;
 FrameSinks makeSinks(const PlayOptions& options, FILE* out)
 {
     FrameSinks sinks;
-    if (!options.wavFile.empty())
+    if (!options.wavFile.empty()) {
         sinks.push_back(std::make_unique<WavWriter>(options.wavFile, out));
-    if (!options.pictureFolder.empty())
+    }
+    if (!options.pictureFolder.empty()) {
         sinks.push_back(
             std::make_unique<PictureWriter>(options.pictureFolder, options.pictureEvery));
-    if (options.frameHashes)
+    }
+    if (options.frameHashes) {
         sinks.push_back(std::make_unique<FrameHashes>(out));
+    }
     return sinks;
 }
 
@@ -41,8 +44,9 @@ void print(const PlayOptions& options, Console& console, StopSignal& stop,
         json["medium"] = toJson(medium);
         json["interrupted"] = stop.isRequested();
         json["passes"] = nlohmann::ordered_json::array();
-        for (const auto& pass : passes)
+        for (const auto& pass : passes) {
             json["passes"].push_back(pass.toJson());
+        }
         std::fputs(jsonText(json).c_str(), out);
     } else {
         for (const auto& pass : passes) {
@@ -63,10 +67,12 @@ void play(const PlayOptions& options, Console& console, StopSignal& stop,
     const Library library(options.libraryPath);
     Input input(library, stop);
     input.setMedium(options.medium, options.decoderThreads);
-    if (options.copyAudio || options.noAudio)
+    if (options.copyAudio || options.noAudio) {
         input.plugin().skipAudioDecoding();
-    if (options.copyVideo)
+    }
+    if (options.copyVideo) {
         input.plugin().skipVideoDecoding();
+    }
     const FrameSinks sinks = makeSinks(options, console.out());
 
     std::vector<PlayStatistics> passes;
@@ -77,14 +83,17 @@ void play(const PlayOptions& options, Console& console, StopSignal& stop,
         medium = input.describeMedium();
         PlayPass pass(options, console, stop, input, sinks, processStart);
         passes.push_back(pass.run());
-        if (failure.empty())
+        if (failure.empty()) {
             failure = pass.failure();
+        }
     }
-    for (const auto& sink : sinks)
+    for (const auto& sink : sinks) {
         sink->finish();
+    }
     print(options, console, stop, medium, passes);
-    if (!failure.empty() && !stop.isRequested())
+    if (!failure.empty() && !stop.isRequested()) {
         throw HostError(options.medium + ": " + failure);
+    }
 }
 
 } // namespace zel::host

@@ -48,8 +48,9 @@ PlayPass::PlayPass(const PlayOptions& options, Console& console, StopSignal& sto
 long long PlayPass::lengthUs(const PlayOptions& options, Input& input)
 {
     const auto durationUs = static_cast<long long>(input.describeMedium().getDuration()) * 1000;
-    if (!options.durationMs)
+    if (!options.durationMs) {
         return durationUs;
+    }
     const auto endUs =
         static_cast<long long>(options.startMs.value_or(0) + *options.durationMs) * 1000;
     return durationUs > 0 ? std::min(durationUs, endUs) : endUs;
@@ -58,14 +59,16 @@ long long PlayPass::lengthUs(const PlayOptions& options, Input& input)
 const PlayStatistics& PlayPass::run()
 {
     const auto started = Clock::now();
-    if (m_options.keyFrames)
+    if (m_options.keyFrames) {
         m_input.plugin().setVideoDecodingMode(streamer::DecodingMode::KeyFramesOnly);
+    }
     describe();
     m_statistics.output = m_input.describeOutput();
     m_input.plugin().start();
     beginStretch(m_options.startMs.value_or(0));
-    if (!m_options.startMs || seekTo(*m_options.startMs))
+    if (!m_options.startMs || seekTo(*m_options.startMs)) {
         readAll();
+    }
     m_progress.clear();
     m_input.plugin().stop();
     m_statistics.seconds = secondsSince(started);
@@ -78,8 +81,9 @@ void PlayPass::describe()
     const OutputStreamRecord output = m_input.describeOutput();
     m_hasVideo = output.hasVideo() && !m_options.noVideo;
     m_hasAudio = output.hasAudio() && !m_options.noAudio;
-    for (const auto& sink : m_sinks)
+    for (const auto& sink : m_sinks) {
         sink->describe(output);
+    }
 }
 
 void PlayPass::readAll()
@@ -91,8 +95,9 @@ void PlayPass::readAll()
             const FrameOwner owner(m_input, frame);
             goesOn = handle(frame);
         }
-        if (!goesOn && !seekAtEnd())
+        if (!goesOn && !seekAtEnd()) {
             return;
+        }
     }
 }
 
@@ -121,20 +126,26 @@ bool PlayPass::handleMedia(const Frame& frame)
         leaveOutVideo(frame);
         return true;
     }
-    if (isPastEnd(frame))
+    if (isPastEnd(frame)) {
         return !isEndReached(frame);
-    if (m_options.realtime && frame.hasTimestamp() && !m_pacer.waitFor(frame.timestampUs))
+    }
+    if (m_options.realtime && frame.hasTimestamp() && !m_pacer.waitFor(frame.timestampUs)) {
         return true;
-    if (m_statistics.video.frames + m_statistics.audio.frames == 0)
+    }
+    if (m_statistics.video.frames + m_statistics.audio.frames == 0) {
         m_statistics.secondsToFirstFrame = secondsSince(m_processStart);
+    }
     m_statistics.add(frame);
-    for (const auto& sink : m_sinks)
+    for (const auto& sink : m_sinks) {
         sink->take(frame);
-    if (frame.hasTimestamp())
+    }
+    if (frame.hasTimestamp()) {
         m_progress.update(static_cast<long long>(frame.timestampUs));
+    }
     if (m_options.frames &&
-        m_statistics.video.frames + m_statistics.audio.frames >= *m_options.frames)
+        m_statistics.video.frames + m_statistics.audio.frames >= *m_options.frames) {
         return false;
+    }
     seekWhenDue(frame);
     return true;
 }
@@ -145,11 +156,13 @@ void PlayPass::handleMetadata(const Frame& frame)
     block.atUs = static_cast<long long>(frame.timestampUs);
     const streamer::MetadataPacket packet(reinterpret_cast<const char*>(frame.data),
                                           frame.data == nullptr ? 0 : frame.size);
-    for (const auto& [key, value] : packet.getAllMetadata())
+    for (const auto& [key, value] : packet.getAllMetadata()) {
         block.entries.emplace_back(key, value);
+    }
     m_statistics.metadata.push_back(block);
-    for (const auto& sink : m_sinks)
+    for (const auto& sink : m_sinks) {
         sink->take(frame);
+    }
 }
 
 bool PlayPass::isUnwanted(const Frame& frame) const
@@ -161,14 +174,16 @@ bool PlayPass::isUnwanted(const Frame& frame) const
 /// has started. And no skipVideoDecoding, which moves the time stamps of audio as well.
 void PlayPass::leaveOutVideo(const Frame& frame)
 {
-    if (frame.type == PacketType::Video && !m_videoLeftOut)
+    if (frame.type == PacketType::Video && !m_videoLeftOut) {
         m_videoLeftOut = m_input.plugin().setVideoDecodingMode(streamer::DecodingMode::None);
+    }
 }
 
 bool PlayPass::isPastEnd(const Frame& frame)
 {
-    if (!m_endUs || !frame.hasTimestamp() || frame.timestampUs < *m_endUs)
+    if (!m_endUs || !frame.hasTimestamp() || frame.timestampUs < *m_endUs) {
         return false;
+    }
     (frame.type == PacketType::Video ? m_videoEnded : m_audioEnded) = true;
     return true;
 }
@@ -181,15 +196,17 @@ bool PlayPass::isEndReached(const Frame& frame) const
 
 void PlayPass::seekWhenDue(const Frame& frame)
 {
-    if (m_nextSeek >= m_options.seeks.size())
+    if (m_nextSeek >= m_options.seeks.size()) {
         return;
+    }
     const SeekRequest& request = m_options.seeks[m_nextSeek];
     const bool isLeading = m_hasVideo == (frame.type == PacketType::Video);
     const bool due = request.whenMs
                          ? frame.hasTimestamp() && frame.timestampUs >= *request.whenMs * 1000
                          : isLeading && frame.hasTimestamp();
-    if (!due)
+    if (!due) {
         return;
+    }
     ++m_nextSeek;
     seekTo(request.targetMs);
 }
@@ -201,8 +218,9 @@ bool PlayPass::seekAtEnd()
         m_options.frames &&
         m_statistics.video.frames + m_statistics.audio.frames >= *m_options.frames;
     while (!allFrames && m_nextSeek < m_options.seeks.size() && !m_stop.isRequested()) {
-        if (seekTo(m_options.seeks[m_nextSeek++].targetMs))
+        if (seekTo(m_options.seeks[m_nextSeek++].targetMs)) {
             return true;
+        }
     }
     return false;
 }
@@ -212,9 +230,10 @@ bool PlayPass::seekTo(unsigned long long targetMs)
     const int result = m_input.plugin().setTimePosition(targetMs);
     m_statistics.seeks.push_back({targetMs, result, {}, {}});
     if (result != streamer::Result::Done) {
-        if (m_failure.empty())
+        if (m_failure.empty()) {
             m_failure = "Seek to " + formatTime(static_cast<long long>(targetMs) * 1000) +
                         (result == streamer::Result::NotPossible ? " is not possible" : " failed");
+        }
         return false;
     }
     m_statistics.jump();
@@ -224,8 +243,9 @@ bool PlayPass::seekTo(unsigned long long targetMs)
 
 void PlayPass::beginStretch(unsigned long long startMs)
 {
-    if (m_options.durationMs)
+    if (m_options.durationMs) {
         m_endUs = (startMs + *m_options.durationMs) * 1000;
+    }
     m_videoEnded = false;
     m_audioEnded = false;
     m_pacer.restart();

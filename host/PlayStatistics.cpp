@@ -33,8 +33,9 @@ Json kindJson(const KindStatistics& kind)
     json["keyFrames"] = kind.keyFrames;
     json["gapCount"] = kind.gapCount;
     json["gaps"] = Json::array();
-    for (const auto& gap : kind.gaps)
+    for (const auto& gap : kind.gaps) {
         json["gaps"].push_back({{"atUs", gap.atUs}, {"lengthUs", gap.lengthUs}});
+    }
     json["stepsBack"] = kind.stepsBack;
     return json;
 }
@@ -46,8 +47,9 @@ std::string timeOrDash(const std::optional<long long>& timeUs)
 
 std::string gapsText(const KindStatistics& kind)
 {
-    if (kind.gapCount == 0)
+    if (kind.gapCount == 0) {
         return "none";
+    }
     const auto longest =
         std::max_element(kind.gaps.begin(), kind.gaps.end(),
                          [](const auto& a, const auto& b) { return a.lengthUs < b.lengthUs; });
@@ -68,20 +70,24 @@ void addKindRow(std::string& text, const char* name, const KindStatistics& kind,
 std::string seekText(const PlayStatistics::Seek& seek)
 {
     std::string text = formatTime(static_cast<long long>(seek.targetMs) * 1000);
-    if (seek.result != streamer::Result::Done)
+    if (seek.result != streamer::Result::Done) {
         return text + " failed (" + std::to_string(seek.result) + ")";
-    if (seek.firstVideoUs)
+    }
+    if (seek.firstVideoUs) {
         text += ", first picture " + formatTime(*seek.firstVideoUs);
-    if (seek.firstAudioUs)
+    }
+    if (seek.firstAudioUs) {
         text += ", first audio " + formatTime(*seek.firstAudioUs);
+    }
     return text;
 }
 
 std::string metadataText(const PlayStatistics::Metadata& metadata)
 {
     std::string text = formatTime(metadata.atUs);
-    for (const auto& [key, value] : metadata.entries)
+    for (const auto& [key, value] : metadata.entries) {
         text += ", " + printable(key) + " \"" + printable(value) + "\"";
+    }
     return text;
 }
 
@@ -98,45 +104,53 @@ void KindStatistics::add(const Frame& frame, bool countGaps)
 {
     ++frames;
     bytes += frame.size;
-    if (frame.keyFrame)
+    if (frame.keyFrame) {
         ++keyFrames;
-    if (!frame.hasTimestamp())
+    }
+    if (!frame.hasTimestamp()) {
         return;
+    }
     const auto nowUs = static_cast<long long>(frame.timestampUs);
-    if (!firstUs)
+    if (!firstUs) {
         firstUs = nowUs;
+    }
     lastUs = nowUs;
     if (m_previousUs) {
         // Here m_distanceUs is how long the frame before should last.
         const long long endUs = *m_previousUs + m_distanceUs;
-        if (nowUs < *m_previousUs)
+        if (nowUs < *m_previousUs) {
             ++stepsBack;
-        else if (countGaps && m_distanceUs > 0 &&
-                 nowUs - endUs > std::max(m_distanceUs / 2, LeastGapUs)) {
+        } else if (countGaps && m_distanceUs > 0 &&
+                   nowUs - endUs > std::max(m_distanceUs / 2, LeastGapUs)) {
             ++gapCount;
-            if (gaps.size() < MostGaps)
+            if (gaps.size() < MostGaps) {
                 gaps.push_back({endUs, nowUs - endUs});
+            }
         }
     }
-    if (frame.durationUs > 0)
+    if (frame.durationUs > 0) {
         m_distanceUs = static_cast<long long>(frame.durationUs);
-    else if (m_previousUs)
+    } else if (m_previousUs) {
         m_distanceUs = std::max(nowUs - *m_previousUs, 0LL);
+    }
     m_previousUs = nowUs;
 }
 
 void PlayStatistics::add(const Frame& frame)
 {
     const bool isVideo = frame.type == streamer::PacketType::Video;
-    if (isVideo)
+    if (isVideo) {
         video.add(frame, m_countVideoGaps);
-    else
+    } else {
         audio.add(frame, true);
-    if (seeks.empty() || !frame.hasTimestamp())
+    }
+    if (seeks.empty() || !frame.hasTimestamp()) {
         return;
+    }
     auto& first = isVideo ? seeks.back().firstVideoUs : seeks.back().firstAudioUs;
-    if (!first)
+    if (!first) {
         first = static_cast<long long>(frame.timestampUs);
+    }
 }
 
 void PlayStatistics::jump()
@@ -152,22 +166,25 @@ Json PlayStatistics::toJson() const
     json["video"] = kindJson(video);
     json["audio"] = kindJson(audio);
     json["seeks"] = Json::array();
-    for (const auto& seek : seeks)
+    for (const auto& seek : seeks) {
         json["seeks"].push_back({{"targetMs", seek.targetMs},
                                  {"result", seek.result},
                                  {"firstVideoUs", orNull(seek.firstVideoUs)},
                                  {"firstAudioUs", orNull(seek.firstAudioUs)}});
+    }
     json["audioChanges"] = Json::array();
-    for (const auto& change : audioChanges)
+    for (const auto& change : audioChanges) {
         json["audioChanges"].push_back({{"audioFrames", change.audioFrames},
                                         {"sampleRate", change.audio.getSampleRate()},
                                         {"channels", change.audio.getChannels()},
                                         {"bitsPerSample", change.audio.getBitsPerSample()}});
+    }
     json["metadata"] = Json::array();
     for (const auto& block : metadata) {
         Json entries = Json::object();
-        for (const auto& [key, value] : block.entries)
+        for (const auto& [key, value] : block.entries) {
             entries[key] = value;
+        }
         json["metadata"].push_back({{"atUs", block.atUs}, {"entries", entries}});
     }
     json["brokenStream"] = brokenStream;
@@ -185,26 +202,34 @@ std::string PlayStatistics::text() const
                       "bytes", "first", "last", "key", "gaps");
         text += head;
     }
-    if (video.frames > 0)
+    if (video.frames > 0) {
         addKindRow(text, "video", video, true);
-    if (audio.frames > 0)
+    }
+    if (audio.frames > 0) {
         addKindRow(text, "audio", audio, false);
-    if (text.empty())
+    }
+    if (text.empty()) {
         text = "  no frames\n";
+    }
 
     TextTable table;
-    if (video.stepsBack + audio.stepsBack > 0)
+    if (video.stepsBack + audio.stepsBack > 0) {
         table.add("time stamps stepping back", formatCount(video.stepsBack) + " video, " +
                                                    formatCount(audio.stepsBack) + " audio");
-    for (const auto& seek : seeks)
+    }
+    for (const auto& seek : seeks) {
         table.add("seek to", seekText(seek));
-    for (const auto& change : audioChanges)
+    }
+    for (const auto& change : audioChanges) {
         table.add("audio changed", "after " + formatCount(change.audioFrames) + " frames to " +
                                        audioLine(change.audio));
-    for (const auto& block : metadata)
+    }
+    for (const auto& block : metadata) {
         table.add("metadata at", metadataText(block));
-    if (brokenStream)
+    }
+    if (brokenStream) {
         table.add("network", "the stream broke off");
+    }
     const auto lengthUs = std::max(video.lastUs.value_or(0), audio.lastUs.value_or(0)) -
                           std::min(video.firstUs.value_or(audio.firstUs.value_or(0)),
                                    audio.firstUs.value_or(video.firstUs.value_or(0)));
@@ -216,8 +241,9 @@ std::string PlayStatistics::text() const
         took += speed;
     }
     table.add("took", took);
-    if (secondsToFirstFrame > 0)
+    if (secondsToFirstFrame > 0) {
         table.add("first frame", host::seconds(secondsToFirstFrame) + " after the start");
+    }
     return text + table.text();
 }
 

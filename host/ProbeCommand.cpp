@@ -29,8 +29,9 @@ std::string jsonOf(const Findings& findings)
 
 std::string durationText(const MediumRecord& medium)
 {
-    if (medium.getDuration() == 0)
+    if (medium.getDuration() == 0) {
         return medium.live.value_or(false) ? "unknown (live)" : "unknown";
+    }
     return formatTime(static_cast<long long>(medium.getDuration()) * 1000);
 }
 
@@ -43,27 +44,35 @@ std::string tableOf(const std::string& name, const Findings& findings)
     table.add("album", printable(medium.album.value_or("")));
     table.add("format", printable(findings.stream.getFormat()));
     table.add("duration", durationText(medium));
-    if (medium.fileSize)
+    if (medium.fileSize) {
         table.add("size", formatCount(*medium.fileSize) + " bytes");
-    if (medium.bitrate)
+    }
+    if (medium.bitrate) {
         table.add("bit rate",
                   formatCount(static_cast<unsigned long long>(*medium.bitrate / 1000)) + " kbit/s");
+    }
     table.add("seekable", medium.seekable.value_or(false) ? "yes" : "no");
-    for (const auto& [key, value] : medium.properties.values)
+    for (const auto& [key, value] : medium.properties.values) {
         table.add(printable(key), printable(value));
+    }
     VideoRecord video = findings.stream.video;
     AudioRecord audio = findings.stream.audio;
-    if (findings.stream.hasAudio() && !audio.bitrate)
+    if (findings.stream.hasAudio() && !audio.bitrate) {
         // Where there is audio, the library tells its bit rate in the video record.
         audio.bitrate = std::exchange(video.bitrate, std::nullopt);
-    if (findings.stream.hasVideo())
+    }
+    if (findings.stream.hasVideo()) {
         table.add("video", videoLine(video));
-    if (findings.output.hasVideo())
+    }
+    if (findings.output.hasVideo()) {
         table.add("  read as", videoLine(findings.output.video));
-    if (findings.stream.hasAudio())
+    }
+    if (findings.stream.hasAudio()) {
         table.add("audio", audioLine(audio));
-    if (findings.output.hasAudio())
+    }
+    if (findings.output.hasAudio()) {
         table.add("  read as", audioLine(findings.output.audio));
+    }
     return printable(name) + "\n" + table.text();
 }
 

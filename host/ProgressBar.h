@@ -23,8 +23,9 @@ public:
     /// Draws anew, but at most ten times a second; cheap enough to be called for each frame.
     void update(long long positionUs)
     {
-        if (m_enabled)
+        if (m_enabled) {
             updateTerminal(positionUs);
+        }
     }
     /// Takes the line away, so that something else can be printed.
     void clear();

@@ -93,8 +93,9 @@ public:
         if (scheme > 0) {
             url = url.substr(scheme);
             url = url.substr(0, url.find_first_of("?#"));
-            if (url.find('/') == std::string_view::npos)
+            if (url.find('/') == std::string_view::npos) {
                 return {}; // a bare host name has dots too
+            }
         }
         const size_t slash = url.rfind('/');
         const std::string_view name = slash == std::string_view::npos ? url : url.substr(slash + 1);
@@ -133,20 +134,24 @@ public:
     /// Copies everything into a record of this class, and what the border can write into another.
     void copyTo(streamer::OutputStreamDescription* target) const override
     {
-        if (target == nullptr || target == this)
+        if (target == nullptr || target == this) {
             return;
+        }
         if (auto* record = dynamic_cast<OutputStreamRecord*>(target)) {
             *record = *this;
             return;
         }
         target->setMultiplexed(isMultiplexed());
         target->setFormat(getFormat());
-        for (const auto& [key, value] : properties.values)
+        for (const auto& [key, value] : properties.values) {
             target->setProperty(key.c_str(), value.c_str());
-        if (audio.isPresent() && target->getAudio() != nullptr)
+        }
+        if (audio.isPresent() && target->getAudio() != nullptr) {
             copyFields(audio, *target->getAudio());
-        if (video.isPresent() && target->getVideo() != nullptr)
+        }
+        if (video.isPresent() && target->getVideo() != nullptr) {
             copyFields(video, *target->getVideo());
+        }
     }
 };
 

@@ -43,20 +43,24 @@ void StopSignal::run()
     const sigset_t signals = stopSignals();
     for (;;) {
         int signal = 0;
-        if (sigwait(&signals, &signal) != 0)
+        if (sigwait(&signals, &signal) != 0) {
             continue;
-        if (m_ending)
+        }
+        if (m_ending) {
             return;
-        if (isRequested())
+        }
+        if (isRequested()) {
             _exit(128 + signal);
+        }
         {
             const std::lock_guard<std::mutex> sleepLock(m_sleepMutex);
             m_signal = signal;
         }
         m_wake.notify_all();
         const std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_action)
+        if (m_action) {
             m_action();
+        }
     }
 }
 
@@ -64,8 +68,9 @@ void StopSignal::setAction(std::function<void()> action)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_action = std::move(action);
-    if (m_action && isRequested())
+    if (m_action && isRequested()) {
         m_action();
+    }
 }
 
 bool StopSignal::sleepUntil(std::chrono::steady_clock::time_point then)

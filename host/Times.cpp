@@ -16,15 +16,18 @@ constexpr double LongestSeconds = 1e12;
 /// A whole number, or with `fraction` a decimal one, and nothing else.
 std::optional<double> parseNumber(std::string_view text, bool fraction)
 {
-    if (text.empty() || std::isdigit(static_cast<unsigned char>(text.front())) == 0)
+    if (text.empty() || std::isdigit(static_cast<unsigned char>(text.front())) == 0) {
         return std::nullopt;
-    if (!fraction && text.find('.') != std::string_view::npos)
+    }
+    if (!fraction && text.find('.') != std::string_view::npos) {
         return std::nullopt;
+    }
     double value = 0;
     const char* end = text.data() + text.size();
     const auto [rest, error] = std::from_chars(text.data(), end, value, std::chars_format::fixed);
-    if (error != std::errc() || rest != end || value > LongestSeconds)
+    if (error != std::errc() || rest != end || value > LongestSeconds) {
         return std::nullopt;
+    }
     return value;
 }
 
@@ -36,19 +39,22 @@ std::optional<double> parseClock(std::string_view text)
         const size_t colon = text.find(':');
         const bool last = colon == std::string_view::npos;
         const auto field = parseNumber(text.substr(0, colon), last);
-        if (!field || (fields > 1 && *field >= 60) || fields > 3)
+        if (!field || (fields > 1 && *field >= 60) || fields > 3) {
             return std::nullopt;
+        }
         seconds = seconds * 60 + *field;
-        if (last)
+        if (last) {
             return seconds;
+        }
         text.remove_prefix(colon + 1);
     }
 }
 
 std::optional<unsigned long long> milliseconds(std::optional<double> seconds)
 {
-    if (!seconds)
+    if (!seconds) {
         return std::nullopt;
+    }
     return static_cast<unsigned long long>(std::llround(*seconds * 1000));
 }
 
@@ -56,10 +62,12 @@ std::optional<unsigned long long> milliseconds(std::optional<double> seconds)
 
 std::optional<unsigned long long> parseTime(const std::string& text)
 {
-    if (text.find(':') != std::string::npos)
+    if (text.find(':') != std::string::npos) {
         return milliseconds(parseClock(text));
-    if (text.ends_with('s'))
+    }
+    if (text.ends_with('s')) {
         return milliseconds(parseNumber(std::string_view(text).substr(0, text.size() - 1), true));
+    }
     const auto value = parseNumber(text, false);
     return value ? std::optional(static_cast<unsigned long long>(*value)) : std::nullopt;
 }
@@ -74,18 +82,20 @@ std::string formatTime(long long timeUs)
     const unsigned seconds = static_cast<unsigned>(ms / 1000 % 60);
     const unsigned rest = static_cast<unsigned>(ms % 1000);
     char text[48];
-    if (hours > 0)
+    if (hours > 0) {
         std::snprintf(text, sizeof text, "%llu:%02u:%02u.%03u", hours, minutes, seconds, rest);
-    else
+    } else {
         std::snprintf(text, sizeof text, "%u:%02u.%03u", minutes, seconds, rest);
+    }
     return negative ? std::string("-").append(text) : text;
 }
 
 std::string formatCount(unsigned long long count)
 {
     std::string text = std::to_string(count);
-    for (size_t place = text.size(); place > 3; place -= 3)
+    for (size_t place = text.size(); place > 3; place -= 3) {
         text.insert(place - 3, 1, ',');
+    }
     return text;
 }
 

@@ -32,8 +32,9 @@ public:
 private:
     HeaderBytes& number(unsigned long long value, int size)
     {
-        for (int i = 0; i < size; ++i)
+        for (int i = 0; i < size; ++i) {
             m_bytes.push_back(static_cast<char>(value >> (8 * i)));
+        }
         return *this;
     }
 
@@ -83,14 +84,17 @@ WavWriter::~WavWriter()
 
 void WavWriter::describe(const OutputStreamRecord& description)
 {
-    if (!description.hasAudio())
+    if (!description.hasAudio()) {
         throw HostError(m_path + ": The medium has no audio to write");
+    }
     const AudioRecord& audio = description.audio;
     const Format format{audio.getBitsPerSample(), audio.getSampleRate(), audio.getChannels()};
-    if (m_file != nullptr && format == m_format)
+    if (m_file != nullptr && format == m_format) {
         return;
-    if (format.blockSize() == 0 || format.sampleRate <= 0)
+    }
+    if (format.blockSize() == 0 || format.sampleRate <= 0) {
         throw HostError(m_path + ": The medium's audio has no format that a wav file could hold");
+    }
     closeFile();
     m_format = format;
     openNext();
@@ -98,8 +102,9 @@ void WavWriter::describe(const OutputStreamRecord& description)
 
 void WavWriter::take(const Frame& frame)
 {
-    if (frame.type != streamer::PacketType::Audio || frame.size == 0)
+    if (frame.type != streamer::PacketType::Audio || frame.size == 0) {
         return;
+    }
     if (!isStream() && m_dataSize > 0 && m_dataSize + frame.size > m_sizeLimit) {
         closeFile();
         openNext();
@@ -118,8 +123,9 @@ void WavWriter::openNext()
     ++m_fileCount;
     m_dataSize = 0;
     if (isStream()) {
-        if (m_fileCount > 1)
+        if (m_fileCount > 1) {
             throw HostError("standard output: The audio format changes, which needs a second file");
+        }
         m_fileName = "standard output";
         m_file = m_out;
     } else {
@@ -128,8 +134,9 @@ void WavWriter::openNext()
             first.stem().string() + "-" + std::to_string(m_fileCount) + first.extension().string();
         m_fileName = m_fileCount == 1 ? m_path : (first.parent_path() / later).string();
         m_file = std::fopen(m_fileName.c_str(), "wbe");
-        if (m_file == nullptr)
+        if (m_file == nullptr) {
             throw systemError(m_fileName, errno);
+        }
     }
     writeHeader(UnknownSize);
 }
@@ -137,22 +144,26 @@ void WavWriter::openNext()
 void WavWriter::closeFile()
 {
     FILE* file = std::exchange(m_file, nullptr);
-    if (file == nullptr || isStream())
+    if (file == nullptr || isStream()) {
         return;
+    }
     m_file = file;
     try {
-        if (m_dataSize % 2 != 0)
+        if (m_dataSize % 2 != 0) {
             writeBytes("", 1);
-        if (std::fseek(file, 0, SEEK_SET) == 0) // a pipe keeps the size "unknown"
+        }
+        if (std::fseek(file, 0, SEEK_SET) == 0) { // a pipe keeps the size "unknown"
             writeHeader(m_dataSize);
+        }
     } catch (const HostError&) {
         m_file = nullptr;
         std::fclose(file);
         throw;
     }
     m_file = nullptr;
-    if (std::fclose(file) != 0)
+    if (std::fclose(file) != 0) {
         throw systemError(m_fileName, errno);
+    }
 }
 
 void WavWriter::writeHeader(unsigned long long dataSize)
@@ -180,8 +191,9 @@ void WavWriter::writeHeader(unsigned long long dataSize)
 
 void WavWriter::writeBytes(const void* data, size_t size)
 {
-    if (std::fwrite(data, 1, size, m_file) != size)
+    if (std::fwrite(data, 1, size, m_file) != size) {
         throw systemError(m_fileName, errno);
+    }
 }
 
 } // namespace zel::host

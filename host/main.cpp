@@ -39,8 +39,9 @@ public:
         std::string text = option->get_description();
         for (size_t begin = 0; text.size() - begin > Columns;) {
             const size_t blank = text.rfind(' ', begin + Columns);
-            if (blank == std::string::npos || blank <= begin)
+            if (blank == std::string::npos || blank <= begin) {
                 break;
+            }
             text[blank] = '\n';
             begin = blank + 1;
         }
@@ -51,8 +52,9 @@ public:
 unsigned long long timeOf(const std::string& option, const std::string& text)
 {
     const auto time = parseTime(text);
-    if (!time)
+    if (!time) {
         throw CLI::ValidationError(option, "\"" + text + "\" is no time; use 1500, 1.5s or 0:01.5");
+    }
     return *time;
 }
 
@@ -61,8 +63,9 @@ SeekRequest seekOf(const std::string& text)
     const size_t at = text.find('@');
     SeekRequest request;
     request.targetMs = timeOf("--seek", text.substr(0, at));
-    if (at != std::string::npos)
+    if (at != std::string::npos) {
         request.whenMs = timeOf("--seek", text.substr(at + 1));
+    }
     return request;
 }
 
@@ -121,8 +124,9 @@ void addStretchOptions(CLI::App& command, PlayOptions& options)
         .add_option_function<std::vector<std::string>>(
             "--seek",
             [&](const std::vector<std::string>& texts) {
-                for (const auto& text : texts)
+                for (const auto& text : texts) {
                     options.seeks.push_back(seekOf(text));
+                }
             },
             "Seek to TIME when a frame of AT or later has come, or at the end of the medium; "
             "without @AT after the first picture behind the seek before. Repeatable, in order")
@@ -180,8 +184,9 @@ void addPlay(CLI::App& app, CommandLine& line)
                              "Ctrl-C ends a play in order: files are finished, the summary is "
                              "printed, the exit status is 130.");
     line.playCommand->callback([&line] {
-        if (line.play.wavFile == "-" && (line.play.frameHashes || line.play.json))
+        if (line.play.wavFile == "-" && (line.play.frameHashes || line.play.json)) {
             throw CLI::ValidationError("--wav", "- excludes --framemd5 and --json");
+        }
     });
 }
 
@@ -192,10 +197,11 @@ int run(const CommandLine& line, std::chrono::steady_clock::time_point start)
     int failed = 0;
     try {
         Console console(line.logTarget);
-        if (line.probeCommand->parsed())
+        if (line.probeCommand->parsed()) {
             probe(line.probe, console, stop);
-        else
+        } else {
             play(line.play, console, stop, start);
+        }
     } catch (const HostError& error) {
         std::fprintf(stderr, "zel-host: %s\n", printable(error.what()).c_str());
         failed = 1;

@@ -32,8 +32,9 @@ std::vector<std::string> wordsOf(const std::string& text)
 {
     std::istringstream stream(text);
     std::vector<std::string> words;
-    for (std::string word; stream >> word;)
+    for (std::string word; stream >> word;) {
         words.push_back(word);
+    }
     return words;
 }
 
@@ -80,12 +81,14 @@ public:
                    unsigned long long& timestamp, unsigned long long& duration, void*& context,
                    bool& keyFrame) override
     {
-        if (type != PacketType::None || data != nullptr || keyFrame)
+        if (type != PacketType::None || data != nullptr || keyFrame) {
             logLine("fault: frame not preset");
+        }
         std::unique_lock<std::mutex> lock(m_mutex);
         for (;;) {
-            if (!m_running || m_next >= m_script.size())
+            if (!m_running || m_next >= m_script.size()) {
                 return false;
+            }
             const std::vector<std::string> words = m_script[m_next++];
             const std::string& word = words[0];
             context = this;
@@ -113,12 +116,15 @@ public:
                 m_live.insert(data);
                 return true;
             }
-            if (word == "none")
+            if (word == "none") {
                 return true;
-            if (word == "broken" && m_callback != nullptr)
+            }
+            if (word == "broken" && m_callback != nullptr) {
                 m_callback(InputEvent::BrokenStream, 0, 0, m_callbackData);
-            if (word == "say")
+            }
+            if (word == "say") {
                 logLine(words.at(1));
+            }
             if (word == "wait") {
                 logLine("waiting");
                 m_wake.wait(lock, [this] { return !m_running; });
@@ -129,10 +135,12 @@ public:
     void freeFrame(unsigned char* data, void* context) override
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        if (data != nullptr && m_live.erase(data) == 0)
+        if (data != nullptr && m_live.erase(data) == 0) {
             logLine("fault: freed what is not a frame");
-        if (context != this)
+        }
+        if (context != this) {
             logLine("fault: context changed");
+        }
         delete[] data;
     }
 
@@ -140,8 +148,9 @@ public:
     {
         logLine("open");
         if (medium->getProperties() != nullptr &&
-            medium->getProperties()->get("decoderThreads") != nullptr)
+            medium->getProperties()->get("decoderThreads") != nullptr) {
             logLine(std::string("threads ") + medium->getProperties()->get("decoderThreads"));
+        }
         std::unique_lock<std::mutex> lock(m_mutex);
         m_running = true;
         m_next = 0;
@@ -149,16 +158,18 @@ public:
         std::istringstream steps(std::strstr(medium->getUrl(), "://") + 3);
         for (std::string step; std::getline(steps, step, ';');) {
             const auto words = wordsOf(step);
-            if (!words.empty() && !prepare(words))
+            if (!words.empty() && !prepare(words)) {
                 m_script.push_back(words);
+            }
         }
         if (m_openWaits) {
             logLine("waiting");
             m_wake.wait(lock, [this] { return !m_running; });
             return false;
         }
-        if (!m_openFails)
+        if (!m_openFails) {
             return true;
+        }
         if (!m_openError.empty()) {
             error->setCode(m_openCode);
             error->setMessage(m_openError.c_str());
@@ -178,8 +189,9 @@ public:
         logLine("close");
         stop();
         const std::lock_guard<std::mutex> lock(m_mutex);
-        if (!m_live.empty())
+        if (!m_live.empty()) {
             logLine("fault: frames not freed");
+        }
         return Result::Accepted;
     }
     int start() override
@@ -204,14 +216,16 @@ public:
     {
         logLine("setTimePosition " + std::to_string(positionMs));
         const std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_seekResult != Result::Done)
+        if (m_seekResult != Result::Done) {
             return m_seekResult;
+        }
         // To the first frame at or after the position.
         for (m_next = 0; m_next < m_script.size(); ++m_next) {
             const auto& words = m_script[m_next];
             const bool isMedia = words[0] == "audio" || words[0] == "video";
-            if (isMedia && timeOf(words[1]) >= positionMs * 1000)
+            if (isMedia && timeOf(words[1]) >= positionMs * 1000) {
                 break;
+            }
         }
         return Result::Done;
     }
@@ -295,8 +309,9 @@ private:
     unsigned char* newData(unsigned int size)
     {
         auto* data = new unsigned char[size];
-        for (unsigned int i = 0; i < size; ++i)
+        for (unsigned int i = 0; i < size; ++i) {
             data[i] = static_cast<unsigned char>(m_frameCount + i);
+        }
         ++m_frameCount;
         m_live.insert(data);
         return data;

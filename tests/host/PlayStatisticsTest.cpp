@@ -20,8 +20,9 @@ void add(KindStatistics& kind, unsigned long long timestampUs, unsigned long lon
 TEST(PlayStatistics, ListOfGapsEndsButTheirCountGoesOn)
 {
     KindStatistics kind;
-    for (unsigned long long n = 0; n < 1000; ++n)
+    for (unsigned long long n = 0; n < 1000; ++n) {
         add(kind, n * 1000000, 40000);
+    }
     EXPECT_EQ(kind.gapCount, 999U);
     EXPECT_EQ(kind.gaps.size(), 100U);
 }

@@ -18,8 +18,9 @@ TEST(HostTimes, MillisecondsSecondsAndClockTimesAreRead)
 TEST(HostTimes, WhatIsNoTimeIsRefused)
 {
     for (const char* text : {"", "s", "-1", "+1", "1.5", "1e3", " 1", "1 ", "1:60", "1:2:60",
-                             "1:2:3:4", ":1", "1:", "1m", "0x10", "99999999999999999999"})
+                             "1:2:3:4", ":1", "1:", "1m", "0x10", "99999999999999999999"}) {
         EXPECT_EQ(parseTime(text), std::nullopt) << text;
+    }
 }
 
 TEST(HostTimes, HoursAreWrittenOnlyWhenThereAreSome)
