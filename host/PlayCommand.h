@@ -3,30 +3,18 @@
 #include "host/Console.h"
 #include "host/ProbeCommand.h"
 #include "host/StopSignal.h"
+#include "host/Stretch.h"
 
 #include <chrono>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace zel::host {
 
-/// A seek in the course of a play.
-struct SeekRequest
-{
-    unsigned long long targetMs = 0;
-    /// The seek is made when a frame of this time or later has come; without it after the first
-    /// picture (or audio frame, when there are no pictures) behind the seek before.
-    std::optional<unsigned long long> whenMs;
-};
-
-struct PlayOptions : MediumOptions
+struct PlayOptions : MediumOptions, StretchOptions
 {
     bool realtime = false;
-    std::optional<unsigned long long> startMs;
-    std::optional<unsigned long long> durationMs;
     std::optional<unsigned long long> frames; ///< ends after so many audio and video frames
-    std::vector<SeekRequest> seeks;
     bool noAudio = false;
     bool noVideo = false;
     bool keyFrames = false;

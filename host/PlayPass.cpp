@@ -3,18 +3,12 @@
 #include "host/Times.h"
 #include "plugin/MetadataPacket.h"
 
-#include <algorithm>
-
 namespace zel::host {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 namespace PacketType = streamer::PacketType;
-
-// Frames of the two kinds are interleaved more closely than this, so nothing more of the wanted
-// stretch comes once one kind is so far past its end.
-constexpr unsigned long long InterleavingUs = 2000000;
 
 double secondsSince(Clock::time_point then)
 {
@@ -40,20 +34,12 @@ private:
 PlayPass::PlayPass(const PlayOptions& options, Console& console, StopSignal& stop, Input& input,
                    const FrameSinks& sinks, Clock::time_point processStart)
     : m_options(options), m_stop(stop), m_input(input), m_sinks(sinks),
-      m_processStart(processStart), m_statistics(!options.keyFrames), m_pacer(stop),
-      m_progress(console, console.canDraw(options.printsFrames()), lengthUs(options, input))
+      m_processStart(processStart), m_statistics(!options.keyFrames), m_stretch(options),
+      m_pacer(stop),
+      m_progress(console, console.canDraw(options.printsFrames()),
+                 Stretch::lengthUs(
+                     options, static_cast<long long>(input.describeMedium().getDuration()) * 1000))
 {
-}
-
-long long PlayPass::lengthUs(const PlayOptions& options, Input& input)
-{
-    const auto durationUs = static_cast<long long>(input.describeMedium().getDuration()) * 1000;
-    if (!options.durationMs) {
-        return durationUs;
-    }
-    const auto endUs =
-        static_cast<long long>(options.startMs.value_or(0) + *options.durationMs) * 1000;
-    return durationUs > 0 ? std::min(durationUs, endUs) : endUs;
 }
 
 const PlayStatistics& PlayPass::run()
@@ -79,8 +65,8 @@ const PlayStatistics& PlayPass::run()
 void PlayPass::describe()
 {
     const OutputStreamRecord output = m_input.describeOutput();
-    m_hasVideo = output.hasVideo() && !m_options.noVideo;
-    m_hasAudio = output.hasAudio() && !m_options.noAudio;
+    m_stretch.setKinds(output.hasVideo() && !m_options.noVideo,
+                       output.hasAudio() && !m_options.noAudio);
     for (const auto& sink : m_sinks) {
         sink->describe(output);
     }
@@ -126,8 +112,8 @@ bool PlayPass::handleMedia(const Frame& frame)
         leaveOutVideo(frame);
         return true;
     }
-    if (isPastEnd(frame)) {
-        return !isEndReached(frame);
+    if (m_stretch.isPastEnd(frame)) {
+        return !m_stretch.isOver(frame);
     }
     if (m_options.realtime && frame.hasTimestamp() && !m_pacer.waitFor(frame.timestampUs)) {
         return true;
@@ -179,36 +165,11 @@ void PlayPass::leaveOutVideo(const Frame& frame)
     }
 }
 
-bool PlayPass::isPastEnd(const Frame& frame)
-{
-    if (!m_endUs || !frame.hasTimestamp() || frame.timestampUs < *m_endUs) {
-        return false;
-    }
-    (frame.type == PacketType::Video ? m_videoEnded : m_audioEnded) = true;
-    return true;
-}
-
-bool PlayPass::isEndReached(const Frame& frame) const
-{
-    const bool allEnded = (m_videoEnded || !m_hasVideo) && (m_audioEnded || !m_hasAudio);
-    return allEnded || frame.timestampUs - *m_endUs > InterleavingUs;
-}
-
 void PlayPass::seekWhenDue(const Frame& frame)
 {
-    if (m_nextSeek >= m_options.seeks.size()) {
-        return;
+    if (const SeekRequest* request = m_stretch.takeDueSeek(frame)) {
+        seekTo(request->targetMs);
     }
-    const SeekRequest& request = m_options.seeks[m_nextSeek];
-    const bool isLeading = m_hasVideo == (frame.type == PacketType::Video);
-    const bool due = request.whenMs
-                         ? frame.hasTimestamp() && frame.timestampUs >= *request.whenMs * 1000
-                         : isLeading && frame.hasTimestamp();
-    if (!due) {
-        return;
-    }
-    ++m_nextSeek;
-    seekTo(request.targetMs);
 }
 
 /// A seek that still waits when the medium or the stretch ends is made there.
@@ -217,8 +178,12 @@ bool PlayPass::seekAtEnd()
     const bool allFrames =
         m_options.frames &&
         m_statistics.video.frames + m_statistics.audio.frames >= *m_options.frames;
-    while (!allFrames && m_nextSeek < m_options.seeks.size() && !m_stop.isRequested()) {
-        if (seekTo(m_options.seeks[m_nextSeek++].targetMs)) {
+    while (!allFrames && !m_stop.isRequested()) {
+        const SeekRequest* request = m_stretch.takeSeek();
+        if (request == nullptr) {
+            return false;
+        }
+        if (seekTo(request->targetMs)) {
             return true;
         }
     }
@@ -243,11 +208,7 @@ bool PlayPass::seekTo(unsigned long long targetMs)
 
 void PlayPass::beginStretch(unsigned long long startMs)
 {
-    if (m_options.durationMs) {
-        m_endUs = (startMs + *m_options.durationMs) * 1000;
-    }
-    m_videoEnded = false;
-    m_audioEnded = false;
+    m_stretch.begin(startMs);
     m_pacer.restart();
 }
 

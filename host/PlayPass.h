@@ -8,9 +8,9 @@
 #include "host/PlayStatistics.h"
 #include "host/ProgressBar.h"
 #include "host/StopSignal.h"
+#include "host/Stretch.h"
 
 #include <chrono>
-#include <optional>
 #include <string>
 
 namespace zel::host {
@@ -27,7 +27,6 @@ public:
     const std::string& failure() const { return m_failure; }
 
 private:
-    static long long lengthUs(const PlayOptions& options, Input& input);
     void describe();
     void readAll();
     /// @return false when the stretch to play has ended
@@ -36,8 +35,6 @@ private:
     void handleMetadata(const Frame& frame);
     bool isUnwanted(const Frame& frame) const;
     void leaveOutVideo(const Frame& frame);
-    bool isPastEnd(const Frame& frame);
-    bool isEndReached(const Frame& frame) const;
     void seekWhenDue(const Frame& frame);
     bool seekAtEnd();
     bool seekTo(unsigned long long targetMs);
@@ -49,15 +46,10 @@ private:
     const FrameSinks& m_sinks;
     const std::chrono::steady_clock::time_point m_processStart;
     PlayStatistics m_statistics;
+    Stretch m_stretch;
     Pacer m_pacer;
     ProgressBar m_progress;
-    bool m_hasVideo = false; ///< pictures are wanted and there
-    bool m_hasAudio = false;
     bool m_videoLeftOut = false;
-    size_t m_nextSeek = 0;
-    std::optional<unsigned long long> m_endUs; ///< of the stretch
-    bool m_videoEnded = false;                 ///< a picture at or behind m_endUs came
-    bool m_audioEnded = false;
     std::string m_failure;
 };
 
