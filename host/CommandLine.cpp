@@ -118,6 +118,7 @@ void addCommands(CLI::App& app, CommandLine& line)
     app.require_subcommand(1);
     addProbe(app, line);
     addPlay(app, line);
+    addTranscode(app, line);
 }
 
 } // namespace zel::host

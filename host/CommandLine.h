@@ -3,6 +3,7 @@
 #include "host/PlayCommand.h"
 #include "host/ProbeCommand.h"
 #include "host/Stretch.h"
+#include "host/TranscodeCommand.h"
 
 #include <CLI/CLI.hpp>
 
@@ -17,14 +18,17 @@ struct CommandLine
     std::string logTarget;
     MediumOptions probe;
     PlayOptions play;
+    TranscodeCommandOptions transcode;
     CLI::App* probeCommand = nullptr;
     CLI::App* playCommand = nullptr;
+    CLI::App* transcodeCommand = nullptr;
 };
 
 /// Adds all commands. The line outlives the app's parsing.
 void addCommands(CLI::App& app, CommandLine& line);
 
 void addPlay(CLI::App& app, CommandLine& line);
+void addTranscode(CLI::App& app, CommandLine& line);
 
 /// Options that several commands share.
 void addMediumOptions(CLI::App& command, MediumOptions& options, std::string& logTarget);

@@ -23,8 +23,10 @@ int run(const CommandLine& line, std::chrono::steady_clock::time_point start)
         Console console(line.logTarget);
         if (line.probeCommand->parsed()) {
             probe(line.probe, console, stop);
-        } else {
+        } else if (line.playCommand->parsed()) {
             play(line.play, console, stop, start);
+        } else {
+            transcode(line.transcode, console, stop);
         }
     } catch (const HostError& error) {
         std::fprintf(stderr, "zel-host: %s\n", printable(error.what()).c_str());

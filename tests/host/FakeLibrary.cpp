@@ -1,6 +1,8 @@
 #include "plugin/MetadataPacket.h"
 #include "plugin/PluginFactory.h"
 #include "plugin/StreamInterfaces.h"
+#include "tests/host/FakeLog.h"
+#include "tests/host/FakeStage.h"
 
 #include <condition_variable>
 #include <cstdio>
@@ -18,6 +20,7 @@
 ///     fake://WORD ARGUMENT...;WORD ARGUMENT...
 ///
 ///     duration MS; format RATE CHANNELS BITS; size WIDTH HEIGHT; noaudio; novideo
+///     codecs VIDEO AUDIO; rate FPS
 ///     openfails CODE TEXT; openfails; openwaits; seekfails RESULT
 ///     audio TIME DURATION SIZE; video TIME DURATION [key]; times in microseconds, "-" is none
 ///     change RATE CHANNELS BITS; metadata KEY VALUE; none; broken; wait; say LINE
@@ -43,14 +46,6 @@ unsigned long long timeOf(const std::string& word)
     return word == "-" ? SamplePacket::NoTimestamp : std::stoull(word);
 }
 
-/// A line of the log, whole and at once, since several threads write.
-void logLine(const std::string& text)
-{
-    const std::string line = text + "\n";
-    std::fwrite(line.data(), 1, line.size(), stdout);
-    std::fflush(stdout);
-}
-
 class FakeInput : public InputPluginInterface
 {
 public:
@@ -62,15 +57,15 @@ public:
         description->setMultiplexed(false);
         if (m_hasVideo) {
             VideoPacketDescription* video = description->getVideo();
-            video->setCodec("raw");
+            video->setCodec(m_skipsVideo ? m_videoCodec.c_str() : "raw");
             video->setWidth(m_width);
             video->setHeight(m_height);
-            video->setFrameRate(25);
+            video->setFrameRate(m_fps);
             video->setPixelFormat(VideoPixelFormat::YUYV422);
         }
         if (m_hasAudio) {
             AudioPacketDescription* audio = description->getAudio();
-            audio->setCodec("raw");
+            audio->setCodec(m_skipsAudio ? m_audioCodec.c_str() : "raw");
             audio->setSampleRate(m_rate);
             audio->setChannels(m_channels);
             audio->setBitsPerSample(m_bits);
@@ -240,17 +235,27 @@ public:
     }
     void getInputStreamDescription(OutputStreamDescription* description) override
     {
+        const std::lock_guard<std::mutex> lock(m_mutex);
         description->setMultiplexed(true);
         description->setFormat("fake");
+        if (m_hasVideo) {
+            description->getVideo()->setCodec(m_videoCodec.c_str());
+            description->getVideo()->setFrameRate(m_fps);
+        }
+        if (m_hasAudio) {
+            description->getAudio()->setCodec(m_audioCodec.c_str());
+        }
     }
     bool skipAudioDecoding() override
     {
         logLine("skipAudioDecoding");
+        m_skipsAudio = true;
         return true;
     }
     bool skipVideoDecoding() override
     {
         logLine("skipVideoDecoding");
+        m_skipsVideo = true;
         return true;
     }
     bool setVideoDecodingMode(DecodingMode::Enum mode) override
@@ -279,6 +284,11 @@ private:
         } else if (word == "size") {
             m_width = std::stoi(words.at(1));
             m_height = std::stoi(words.at(2));
+        } else if (word == "codecs") {
+            m_videoCodec = words.at(1);
+            m_audioCodec = words.at(2);
+        } else if (word == "rate") {
+            m_fps = std::stod(words.at(1));
         } else if (word == "noaudio") {
             m_hasAudio = false;
         } else if (word == "novideo") {
@@ -328,6 +338,11 @@ private:
     int m_rate = 48000;
     int m_channels = 2;
     int m_bits = 16;
+    std::string m_videoCodec = "h264"; ///< in the medium
+    std::string m_audioCodec = "aac";
+    double m_fps = 25;
+    bool m_skipsVideo = false;
+    bool m_skipsAudio = false;
     int m_width = 4;
     int m_height = 2;
     bool m_hasAudio = true;
@@ -349,7 +364,7 @@ zel::streamer::InputPluginInterface* InputPluginFactory()
     return new FakeInput;
 }
 
-zel::streamer::TranscoderPluginInterface* TranscoderPluginFactory(const char*)
+zel::streamer::TranscoderPluginInterface* TranscoderPluginFactory(const char* name)
 {
-    return nullptr;
+    return std::strcmp(name, "FFMpegEncoder") == 0 ? makeFakeStage() : nullptr;
 }

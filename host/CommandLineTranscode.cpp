@@ -1,0 +1,111 @@
+#include "host/CommandLine.h"
+
+#include "host/Containers.h"
+
+#include <vector>
+
+namespace zel::host {
+
+namespace {
+
+constexpr const char* ChoiceName = "copy|none|CODEC[:BITRATE]";
+
+StreamChoice choiceOf(const std::string& option, const std::string& text)
+{
+    const auto choice = parseStreamChoice(text);
+    if (!choice) {
+        throw CLI::ValidationError(option, "\"" + text +
+                                               "\" is none of copy, none, CODEC and "
+                                               "CODEC:BITRATE, as in mpeg4:800k");
+    }
+    return *choice;
+}
+
+void setStageOption(PropertyMap& options, const std::string& text)
+{
+    const size_t equals = text.find('=');
+    if (equals == std::string::npos || equals == 0) {
+        throw CLI::ValidationError("--option", "\"" + text + "\" is not KEY=VALUE");
+    }
+    options.set(text.substr(0, equals).c_str(), text.substr(equals + 1).c_str());
+}
+
+void addStreamOptions(CLI::App& command, TranscodeOptions& options)
+{
+    command
+        .add_option_function<std::string>(
+            "--video",
+            [&](const std::string& text) { options.request.video = choiceOf("--video", text); },
+            "What becomes of video (default: it is copied where the format takes its codec, else "
+            "encoded at 500k). A codec that it has already is copied")
+        ->type_name(ChoiceName);
+    command
+        .add_option_function<std::string>(
+            "--audio",
+            [&](const std::string& text) { options.request.audio = choiceOf("--audio", text); },
+            "The same for audio, at 128k")
+        ->type_name(ChoiceName);
+    command
+        .add_option("--fps", options.request.frameRate,
+                    "Frames per second of encoded video (default: those of the medium)")
+        ->check(CLI::Range(1.0, 1000.0).description(""))
+        ->type_name("RATE");
+    command
+        .add_option("--channels", options.channels,
+                    "Channels of encoded audio (default: by the bit rate)")
+        ->check(CLI::Range(1, 2).description(""))
+        ->type_name("N");
+    command
+        .add_option("--sample-rate", options.sampleRate,
+                    "Samples per second of encoded audio (default: by bit rate and format)")
+        ->check(CLI::Range(4000, 192000).description(""))
+        ->type_name("HZ");
+    command
+        .add_option_function<std::vector<std::string>>(
+            "--option",
+            [&](const std::vector<std::string>& texts) {
+                for (const auto& text : texts) {
+                    setStageOption(options.stageOptions, text);
+                }
+            },
+            "An option of the encoder stage, such as useConstantBitrate=1. Repeatable")
+        ->type_name("KEY=VALUE")
+        ->expected(1)
+        ->allow_extra_args(false)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+}
+
+} // namespace
+
+void addTranscode(CLI::App& app, CommandLine& line)
+{
+    TranscodeCommandOptions& options = line.transcode;
+    CLI::App& command =
+        *app.add_subcommand("transcode", "Write a medium in another form to a file");
+    line.transcodeCommand = &command;
+    addMediumOptions(command, options, line.logTarget);
+    command.add_option("OUTPUT", options.output, "File to write; - is standard output")
+        ->required()
+        ->type_name("");
+    command
+        .add_option("--format", options.request.format,
+                    "flv, mpegts, matroska, mpeg, dvd, asf, avi, mp3 or another that FFmpeg writes "
+                    "without seeking (default: by the name of OUTPUT)")
+        ->type_name("NAME");
+    addStreamOptions(command, options);
+    addStretchOptions(command, options);
+    command.footer(std::string(TimeFooter) +
+                   "Ctrl-C ends in order: the output is finished, the exit status is 130.");
+    command.callback([&options] {
+        std::string& format = options.request.format;
+        if (format.empty()) {
+            format = formatOfFile(options.output);
+        }
+        if (format.empty()) {
+            throw CLI::ValidationError("--format", "is needed, since the name \"" + options.output +
+                                                       "\" tells no format");
+        }
+    });
+}
+
+} // namespace zel::host

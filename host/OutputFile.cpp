@@ -1,0 +1,58 @@
+#include "host/OutputFile.h"
+
+#include "host/HostError.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace zel::host {
+
+OutputFile::OutputFile(const std::string& path)
+    : m_name(path),
+      m_descriptor(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)),
+      m_owned(true)
+{
+    if (m_descriptor < 0) {
+        throw systemError(m_name, errno);
+    }
+}
+
+OutputFile::OutputFile(int descriptor, std::string name)
+    : m_name(std::move(name)), m_descriptor(descriptor), m_owned(false)
+{
+}
+
+OutputFile::~OutputFile()
+{
+    if (m_owned && m_descriptor >= 0) {
+        ::close(m_descriptor);
+    }
+}
+
+void OutputFile::write(const void* data, std::size_t size)
+{
+    const auto* bytes = static_cast<const char*>(data);
+    while (size > 0) {
+        const ssize_t written = ::write(m_descriptor, bytes, size);
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            throw systemError(m_name, written < 0 ? errno : EIO);
+        }
+        bytes += written;
+        size -= static_cast<std::size_t>(written);
+    }
+}
+
+void OutputFile::close()
+{
+    if (m_owned && m_descriptor >= 0 && ::close(std::exchange(m_descriptor, -1)) != 0) {
+        throw systemError(m_name, errno);
+    }
+}
+
+} // namespace zel::host

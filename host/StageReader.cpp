@@ -1,0 +1,113 @@
+#include "host/StageReader.h"
+
+#include "plugin/MetadataPacket.h"
+
+#include <utility>
+
+namespace zel::host {
+
+namespace {
+
+// A stage hands on a block of metadata that it knows nothing of, in its place among the packets.
+constexpr const char* MarkKey = "zel-host-mark";
+
+/// Gives a frame back on every way out.
+class StageFrameOwner
+{
+public:
+    StageFrameOwner(Stage& stage, Frame& frame) : m_stage(stage), m_frame(frame) {}
+    ~StageFrameOwner() { m_stage.release(m_frame); }
+    StageFrameOwner(const StageFrameOwner&) = delete;
+    StageFrameOwner& operator=(const StageFrameOwner&) = delete;
+
+private:
+    Stage& m_stage;
+    Frame& m_frame;
+};
+
+} // namespace
+
+StageReader::StageReader(Stage& stage, StageSink& sink, std::function<void()> onFailure)
+    : m_stage(stage), m_sink(sink), m_onFailure(std::move(onFailure))
+{
+}
+
+void StageReader::start()
+{
+    m_thread = std::thread([this] { run(); });
+}
+
+bool StageReader::passMark()
+{
+    unsigned int number = 0;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        number = ++m_marksWritten;
+    }
+    m_stage.write(new streamer::MetadataPacket(MarkKey, std::to_string(number).c_str()));
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_progress.wait(lock, [&] { return m_ended || m_marksRead == number; });
+    return m_marksRead == number;
+}
+
+bool StageReader::join()
+{
+    m_thread.join();
+    return m_sawEnd;
+}
+
+void StageReader::rethrow() const
+{
+    if (m_failure) {
+        std::rethrow_exception(m_failure);
+    }
+}
+
+void StageReader::run()
+{
+    try {
+        Frame frame;
+        while (!m_sawEnd && m_stage.read(frame)) {
+            const StageFrameOwner owner(m_stage, frame);
+            m_sawEnd = !handle(frame);
+        }
+    } catch (...) {
+        m_failure = std::current_exception();
+        m_failed = true;
+    }
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_ended = true;
+    }
+    m_progress.notify_all();
+    if (m_failed) {
+        m_onFailure();
+    }
+}
+
+/// @return false at the end of the stream
+bool StageReader::handle(const Frame& frame)
+{
+    if (frame.type == streamer::PacketType::None) {
+        return false;
+    }
+    if (frame.type != streamer::PacketType::Metadata || !isMark(frame)) {
+        m_sink.take(frame);
+        return true;
+    }
+    m_sink.jump();
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_marksRead;
+    }
+    m_progress.notify_all();
+    return true;
+}
+
+bool StageReader::isMark(const Frame& frame)
+{
+    const streamer::MetadataPacket packet(reinterpret_cast<const char*>(frame.data), frame.size);
+    return !packet.getMetadata(MarkKey).empty();
+}
+
+} // namespace zel::host
