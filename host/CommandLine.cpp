@@ -119,6 +119,7 @@ void addCommands(CLI::App& app, CommandLine& line)
     addProbe(app, line);
     addPlay(app, line);
     addTranscode(app, line);
+    addSegment(app, line);
 }
 
 } // namespace zel::host

@@ -2,6 +2,7 @@
 
 #include "host/PlayCommand.h"
 #include "host/ProbeCommand.h"
+#include "host/SegmentCommand.h"
 #include "host/Stretch.h"
 #include "host/TranscodeCommand.h"
 
@@ -19,9 +20,11 @@ struct CommandLine
     MediumOptions probe;
     PlayOptions play;
     TranscodeCommandOptions transcode;
+    SegmentOptions segment;
     CLI::App* probeCommand = nullptr;
     CLI::App* playCommand = nullptr;
     CLI::App* transcodeCommand = nullptr;
+    CLI::App* segmentCommand = nullptr;
 };
 
 /// Adds all commands. The line outlives the app's parsing.
@@ -29,6 +32,7 @@ void addCommands(CLI::App& app, CommandLine& line);
 
 void addPlay(CLI::App& app, CommandLine& line);
 void addTranscode(CLI::App& app, CommandLine& line);
+void addSegment(CLI::App& app, CommandLine& line);
 
 /// Options that several commands share.
 void addMediumOptions(CLI::App& command, MediumOptions& options, std::string& logTarget);

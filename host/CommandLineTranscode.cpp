@@ -108,4 +108,49 @@ void addTranscode(CLI::App& app, CommandLine& line)
     });
 }
 
+void addSegment(CLI::App& app, CommandLine& line)
+{
+    SegmentOptions& options = line.segment;
+    CLI::App& command =
+        *app.add_subcommand("segment", "Write a medium as MPEG-TS segments with an HLS play list");
+    line.segmentCommand = &command;
+    addMediumOptions(command, options, line.logTarget);
+    command
+        .add_option("DIR", options.folder,
+                    "Folder for stream.m3u8 and stream-00001.ts and so on; made when missing")
+        ->required()
+        ->type_name("");
+    command
+        .add_option_function<std::string>(
+            "--clip-duration",
+            [&](const std::string& text) {
+                options.clipMs = timeOf("--clip-duration", text);
+                if (options.clipMs == 0 || options.clipMs > 3600000) {
+                    throw CLI::ValidationError("--clip-duration", "is above 0 and up to an hour");
+                }
+            },
+            "Least length of a segment, which ends at the next key frame (default: 10s)")
+        ->type_name("TIME");
+    command
+        .add_option_function<std::string>(
+            "--fallback",
+            [&](const std::string& text) {
+                options.fallbackBitrate = parseBitrate(text);
+                if (!options.fallbackBitrate) {
+                    throw CLI::ValidationError("--fallback", "\"" + text + "\" is no bit rate");
+                }
+            },
+            "Make the stream for slow players, stream-low.m3u8: nothing is copied, video gets "
+            "BITRATE and audio 32k. A total of exactly 64k makes small pictures")
+        ->type_name("BITRATE");
+    command.add_flag("--keep", options.keepsStageFiles,
+                     "Keep the encoder stage's own folder as well, .zel-segments-PID in DIR, with "
+                     "its file names; the files are the same ones, not copies");
+    addStreamOptions(command, options);
+    addStretchOptions(command, options);
+    command.footer(std::string(TimeFooter) +
+                   "A seek leaves out the segment that it breaks off.\n"
+                   "Ctrl-C ends in order: segment and list are finished, the exit status is 130.");
+}
+
 } // namespace zel::host

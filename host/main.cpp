@@ -25,8 +25,10 @@ int run(const CommandLine& line, std::chrono::steady_clock::time_point start)
             probe(line.probe, console, stop);
         } else if (line.playCommand->parsed()) {
             play(line.play, console, stop, start);
-        } else {
+        } else if (line.transcodeCommand->parsed()) {
             transcode(line.transcode, console, stop);
+        } else {
+            segment(line.segment, console, stop);
         }
     } catch (const HostError& error) {
         std::fprintf(stderr, "zel-host: %s\n", printable(error.what()).c_str());
