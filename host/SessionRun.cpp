@@ -3,12 +3,12 @@
 #include "host/HostError.h"
 
 #include <chrono>
-#include <utility>
 
 namespace zel::host {
 
 SessionRun::SessionRun(TranscodeSession& session, const TranscodeOptions& options, StageSink& sink,
-                       StopSignal& stop, ProgressBar& progress, std::optional<CutPlanner> cuts)
+                       StopSignal& stop, ProgressBar& progress,
+                       const std::optional<CutPlanner>& cuts)
     : m_session(session), m_options(options), m_sink(sink), m_progress(progress),
       m_reader(session.stage(), sink,
                [&session] {
@@ -16,7 +16,7 @@ SessionRun::SessionRun(TranscodeSession& session, const TranscodeOptions& option
                    session.stage().stop();
                    session.input().plugin().stop();
                }),
-      m_feed(session, options, m_reader, stop, progress, std::move(cuts))
+      m_feed(session, options, m_reader, stop, progress, cuts)
 {
 }
 

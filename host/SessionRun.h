@@ -19,7 +19,7 @@ class SessionRun
 public:
     /// @param cuts  empty when the output is in one piece; all references outlive this object
     SessionRun(TranscodeSession& session, const TranscodeOptions& options, StageSink& sink,
-               StopSignal& stop, ProgressBar& progress, std::optional<CutPlanner> cuts);
+               StopSignal& stop, ProgressBar& progress, const std::optional<CutPlanner>& cuts);
 
     /// @throws HostError when the output cannot be kept, or when the stage ends before its time
     void run();

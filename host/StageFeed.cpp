@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <utility>
 
 namespace zel::host {
 
@@ -26,9 +25,9 @@ using PacketOwner = std::unique_ptr<FramePacket, ReleasePacket>;
 
 StageFeed::StageFeed(TranscodeSession& session, const TranscodeOptions& options,
                      StageReader& reader, StopSignal& stop, ProgressBar& progress,
-                     std::optional<CutPlanner> cuts)
+                     const std::optional<CutPlanner>& cuts)
     : m_session(session), m_options(options), m_reader(reader), m_stop(stop), m_progress(progress),
-      m_cuts(std::move(cuts)), m_stretch(options)
+      m_cuts(cuts), m_stretch(options)
 {
     m_stretch.setKinds(session.plan().video.isWanted(), session.plan().audio.isWanted());
 }

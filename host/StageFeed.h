@@ -27,7 +27,7 @@ public:
 
     /// @param cuts  empty when the output is in one piece; all references outlive this object
     StageFeed(TranscodeSession& session, const TranscodeOptions& options, StageReader& reader,
-              StopSignal& stop, ProgressBar& progress, std::optional<CutPlanner> cuts);
+              StopSignal& stop, ProgressBar& progress, const std::optional<CutPlanner>& cuts);
 
     /// Ends with a packet that ends the stream, also after a signal.
     /// @throws HostError when the audio changes to what cannot be encoded

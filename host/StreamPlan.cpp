@@ -104,7 +104,7 @@ StreamPlan choose(const Kind& kind, const PlanRequest& request, const Container*
     if (isWanted && canCopy(kind, request, container)) {
         return {Action::Copy, kind.source, kind.source, kind.bitrate, 0};
     }
-    const StreamPlan stream = encoded(kind, request, container, plan);
+    StreamPlan stream = encoded(kind, request, container, plan);
     if (kind.choice.wish == Wish::Copy && stream.isWanted()) {
         plan.notes.push_back(std::string(kind.name) + " " + kind.source +
                              " cannot be copied, it is encoded as " + stream.codec);
