@@ -1,6 +1,7 @@
 #include "common/ffmpeg/Deinterlacer.h"
 #include "common/ffmpeg/Handles.h"
 #include "common/ffmpeg/PackedAudio.h"
+#include "common/ffmpeg/PackedPictureScaler.h"
 #include "plugin/Vocabulary.h"
 
 extern "C" {
@@ -55,6 +56,26 @@ void pictureToCaller(benchmark::State& state)
 }
 BENCHMARK(pictureToCaller)
     ->Name("FramePath/pictureToCaller")
+    ->Args({1280, 720})
+    ->Args({1920, 1080});
+
+/// What every raw picture costs on its way into an encoder: from packed YUYV to planes.
+void pictureToEncoder(benchmark::State& state)
+{
+    const auto width = static_cast<int>(state.range(0));
+    const auto height = static_cast<int>(state.range(1));
+    const zel::av::Frame picture = makePicture(width, height);
+    const std::vector<unsigned char> packed(static_cast<std::size_t>(width) * height * 2, 0x40);
+    const auto scaler = zel::av::PackedPictureScaler::create({AV_PIX_FMT_YUYV422, width, height},
+                                                             {AV_PIX_FMT_YUV420P, width, height});
+    for ([[maybe_unused]] auto _ : state) {
+        scaler->scale(packed, false, *picture);
+        benchmark::DoNotOptimize(picture->data[0]);
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<long long>(packed.size()));
+}
+BENCHMARK(pictureToEncoder)
+    ->Name("FramePath/pictureToEncoder")
     ->Args({1280, 720})
     ->Args({1920, 1080});
 
