@@ -27,7 +27,9 @@ StageFeed::StageFeed(TranscodeSession& session, const TranscodeOptions& options,
                      StageReader& reader, StopSignal& stop, ProgressBar& progress,
                      const std::optional<CutPlanner>& cuts)
     : m_session(session), m_options(options), m_reader(reader), m_stop(stop), m_progress(progress),
-      m_cuts(cuts), m_stretch(options)
+      m_cuts(cuts), m_stretch(options),
+      m_frames([&session](Frame& frame) { return session.read(frame); },
+               [&session](Frame& frame) { session.input().release(frame); })
 {
     m_stretch.setKinds(session.plan().video.isWanted(), session.plan().audio.isWanted());
 }
@@ -47,7 +49,7 @@ void StageFeed::run()
     beginStretch(m_options.startMs.value_or(0));
     Frame frame;
     while (goesOn()) {
-        const bool isMore = m_session.read(frame) && take(frame);
+        const bool isMore = m_frames.next(frame) && take(frame);
         if (!isMore && !seekAtEnd()) {
             break;
         }
@@ -164,6 +166,7 @@ bool StageFeed::seekAtEnd()
 
 bool StageFeed::seekTo(unsigned long long targetMs)
 {
+    m_frames.halt();
     const int result = m_session.input().plugin().setTimePosition(targetMs);
     m_seeks.push_back({targetMs, result});
     if (result != streamer::Result::Done) {
@@ -173,6 +176,7 @@ bool StageFeed::seekTo(unsigned long long targetMs)
         }
         return false;
     }
+    m_frames.drop();
     // The stage drops what was not read before the new position; nobody waits for it here, so
     // everything is read first.
     if (!m_reader.passMark()) {

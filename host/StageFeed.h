@@ -3,6 +3,7 @@
 #include "host/CutPlanner.h"
 #include "host/PlayStatistics.h"
 #include "host/ProgressBar.h"
+#include "host/ReadAhead.h"
 #include "host/StageReader.h"
 #include "host/StopSignal.h"
 #include "host/Stretch.h"
@@ -15,7 +16,8 @@
 namespace zel::host {
 
 /// Writes a session's input to its stage: from the start to the end, with the seeks on the way and
-/// the cuts between segments. Main thread.
+/// the cuts between segments. The input is read on a thread of its own, ahead of what is written.
+/// Main thread.
 class StageFeed
 {
 public:
@@ -63,6 +65,7 @@ private:
     ProgressBar& m_progress;
     std::optional<CutPlanner> m_cuts;
     Stretch m_stretch;
+    ReadAhead m_frames; ///< goes before what it reads from
     KindStatistics m_video;
     KindStatistics m_audio;
     std::vector<Seek> m_seeks;
