@@ -125,7 +125,7 @@ void AudioResampler::spreadAfter(int16_t* out, int samples) const
 
 void AudioResampler::dropRest()
 {
-    m_dropped.resize(static_cast<std::size_t>(DropStepSamples * m_filterChannels));
+    m_dropped.resize(std::size_t{DropStepSamples} * static_cast<std::size_t>(m_filterChannels));
     auto* target = reinterpret_cast<uint8_t*>(m_dropped.data());
     // No samples at a real address: the library takes a null address for the end of the stream.
     const uint8_t* nothing = target;

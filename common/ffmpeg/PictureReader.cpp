@@ -266,7 +266,7 @@ public:
     {
         CodedPicture none;
         Mpeg12Reader::read(parameters.extradata, parameters.extradata_size, none);
-        reset();
+        Mpeg12Reader::reset();
     }
 
     Units units() const override { return {2, 0, true}; }

@@ -10,7 +10,7 @@ namespace {
 
 const int MostReordered = 16;                     // frames, the most that any codec's decoder keeps
 const int64_t FarthestFrames = MostReordered + 1; // what lies farther away has no connection
-const std::size_t RecentPictures = 4 * MostReordered;
+const std::size_t RecentPictures = 64;
 const int64_t FastestFrameClock = 60; // ticks a second; faster clocks divide frames
 const int64_t ExactClock = 24000;     // from here on they divide them evenly
 const double DelayLossPerFrame = 0.125;

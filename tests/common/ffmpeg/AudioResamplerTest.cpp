@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
+#include <utility>
 #include <vector>
 
 using zel::av::AudioResampler;
@@ -110,6 +111,7 @@ TEST(AudioResampler, FirstCallIsShortAndLaterOnesKeepTheRatio)
     const Samples in(2048);
     Samples out(4096);
     std::vector<int> counts;
+    counts.reserve(8);
     for (int call = 0; call < 8; ++call) {
         counts.push_back(resampler->convert(in.data(), 1024, out.data(), 2048));
     }
@@ -248,7 +250,7 @@ TEST(AudioResampler, WritesNeverMoreThanThereIsRoomFor)
     for (const int channels : {1, 2, 6}) {
         const auto resampler = AudioResampler::create(channels, 2, 44100, 8000);
         const Samples in = noise(2 * 5000);
-        const std::size_t room = static_cast<std::size_t>(300 * channels);
+        const std::size_t room = 300 * static_cast<std::size_t>(channels);
         Samples out(room + 600, 12345);
         EXPECT_EQ(resampler->convert(in.data(), 5000, out.data(), 300), 300);
         EXPECT_TRUE(std::all_of(out.begin() + std::ptrdiff_t(room), out.end(),
@@ -264,7 +266,7 @@ TEST(AudioResampler, WhatHadNoRoomIsGone)
     Samples all(20000);
     Samples part(20000);
     for (int call = 0; call < 3; ++call) {
-        const int16_t* piece = in.data() + 1000 * call;
+        const int16_t* piece = in.data() + std::ptrdiff_t{1000} * call;
         const int count = wide->convert(piece, 1000, all.data(), 20000);
         ASSERT_GT(count, 5000);
         // Only the second call has little room; the third goes on as if it had had all.

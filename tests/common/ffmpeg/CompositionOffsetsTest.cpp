@@ -270,6 +270,7 @@ std::vector<std::string> h264Pictures(const H264Headers& headers, bool singleFie
 std::vector<double> offsetsOf(CompositionOffsets& offsets, const std::vector<std::string>& packets)
 {
     std::vector<double> found;
+    found.reserve(packets.size());
     for (const std::string& packet : packets) {
         found.push_back(nextOf(offsets, packet));
     }

@@ -27,7 +27,7 @@ public:
     /// An Exponential-Golomb code.
     BitWriter& number(unsigned int value)
     {
-        const int length = std::bit_width(value + 1);
+        const int length = 32 - std::countl_zero(value + 1);
         return bits(0, length - 1).bits(value + 1, length);
     }
 

@@ -55,6 +55,7 @@ Bytes unit(Bytes begin, std::size_t size)
 std::vector<std::size_t> sizes(const std::vector<Piece>& pieces)
 {
     std::vector<std::size_t> sizes;
+    sizes.reserve(pieces.size());
     for (const Piece& piece : pieces) {
         sizes.push_back(piece.size());
     }
