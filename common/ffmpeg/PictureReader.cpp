@@ -17,10 +17,18 @@ using Bytes = std::span<const unsigned char>;
 /// Where the next 00 00 01 begins; the size when there is none.
 std::size_t findStartCode(Bytes data, std::size_t from)
 {
-    const unsigned char code[] = {0, 0, 1};
-    const auto begin = data.begin() + static_cast<std::ptrdiff_t>(std::min(from, data.size()));
-    return static_cast<std::size_t>(
-        std::search(begin, data.end(), std::begin(code), std::end(code)) - data.begin());
+    // Ones are rarer than zeroes.
+    for (std::size_t at = from + 2; at < data.size(); ++at) {
+        const void* one = std::memchr(data.data() + at, 1, data.size() - at);
+        if (one == nullptr) {
+            break;
+        }
+        at = static_cast<std::size_t>(static_cast<const unsigned char*>(one) - data.data());
+        if (data[at - 1] == 0 && data[at - 2] == 0) {
+            return at - 2;
+        }
+    }
+    return data.size();
 }
 
 /// Of libavcodec's picture type, whose first numbers are those of the MPEG standards.
