@@ -59,10 +59,23 @@ int PacketQueue::push(SamplePacket* packet)
             return 1;
         }
     }
+    if (insert(packet)) {
+        // With no lock held that a reader asks for as soon as it is awake.
+        m_hasData.broadcast();
+    }
+    return 1;
+}
+
+bool PacketQueue::insert(SamplePacket* packet)
+{
     PMutexGuard readGuard(m_readLock);
     _push(packet);
-    m_hasData.signal(m_hasDataFlag);
-    return 1;
+    if (m_hasDataFlag) {
+        return false;
+    }
+    PMutexGuard flagGuard(m_hasData);
+    m_hasDataFlag = true;
+    return true;
 }
 
 SamplePacket* PacketQueue::getNextPacket(bool wait)

@@ -69,6 +69,8 @@ protected:
 
 private:
     bool hasRoom();
+    /// @return whether readers may be asleep
+    bool insert(SamplePacket* packet);
     void halt();
 
 protected:

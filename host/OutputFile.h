@@ -5,8 +5,9 @@
 
 namespace zel::host {
 
-/// A file that is written from start to end, without a buffer: what was written is there for other
-/// programs, and a full disk shows at once. One thread at a time.
+/// A file that is written from start to end. What goes into a file of its own is written in blocks,
+/// a second or so of a stream each; what goes elsewhere, as to a pipe, is written at once. One
+/// thread at a time.
 class OutputFile
 {
 public:
@@ -15,6 +16,7 @@ public:
     explicit OutputFile(const std::string& path);
     /// Writes to a descriptor that stays open.
     OutputFile(int descriptor, std::string name);
+    /// Writes what is left, but nobody learns of a failure: close() first.
     ~OutputFile();
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
@@ -25,9 +27,13 @@ public:
     void close();
 
 private:
+    void writeBlock();
+    void writeOut(const char* bytes, std::size_t size);
+
     std::string m_name;
     int m_descriptor;
     bool m_owned;
+    std::string m_block; ///< not yet written, of a file of its own
 };
 
 } // namespace zel::host

@@ -1,12 +1,14 @@
 #include "host/ReadAhead.h"
 
+#include <chrono>
 #include <utility>
 
 namespace zel::host {
 
 namespace {
 
-constexpr std::size_t MostFrames = 64;
+constexpr std::size_t MostFrames = 256;
+constexpr std::size_t Handful = 16;
 constexpr std::size_t MostBytes = std::size_t{16} << 20;
 
 } // namespace
@@ -33,7 +35,7 @@ bool ReadAhead::next(Frame& frame)
         m_thread = std::thread([this] { run(); });
     }
     std::unique_lock lock(m_mutex);
-    m_hasFrames.wait(lock, [this] { return !m_frames.empty() || m_ended; });
+    awaitFrames(lock);
     if (m_frames.empty()) {
         if (m_failure) {
             std::rethrow_exception(std::exchange(m_failure, nullptr));
@@ -51,6 +53,20 @@ bool ReadAhead::next(Frame& frame)
         m_hasRoom.notify_one();
     }
     return true;
+}
+
+/// A taker that is faster than reading would be woken for each frame, which costs more than a small
+/// frame. So it first gives some frames a moment to gather.
+void ReadAhead::awaitFrames(std::unique_lock<std::mutex>& lock)
+{
+    constexpr auto Moment = std::chrono::milliseconds(1);
+    if (!m_frames.empty() || m_ended) {
+        return;
+    }
+    m_hasFrames.wait_for(lock, Moment, [this] { return m_frames.size() >= Handful || m_ended; });
+    m_takesAny = true;
+    m_hasFrames.wait(lock, [this] { return !m_frames.empty() || m_ended; });
+    m_takesAny = false;
 }
 
 void ReadAhead::halt()
@@ -91,7 +107,6 @@ void ReadAhead::run()
             failure = std::current_exception();
         }
         std::unique_lock lock(m_mutex);
-        const bool wasEmpty = m_frames.empty();
         if (goesOn) {
             m_noticeWaits = frame.type == streamer::PacketType::Notice;
             m_bytes += frame.size;
@@ -100,7 +115,7 @@ void ReadAhead::run()
             m_ended = true;
             m_failure = failure;
         }
-        if (wasEmpty) {
+        if (m_takesAny || m_ended || m_frames.size() == Handful) {
             m_hasFrames.notify_one();
         }
         m_hasRoom.wait(lock, [this] { return !isFull() || m_halted || m_ended; });

@@ -49,6 +49,7 @@ public:
 
 private:
     void run();
+    void awaitFrames(std::unique_lock<std::mutex>& lock);
     bool isFull() const;
 
     const Read m_read;
@@ -59,6 +60,7 @@ private:
     std::deque<Frame> m_frames;
     std::size_t m_bytes = 0; ///< in m_frames
     bool m_noticeWaits = false;
+    bool m_takesAny = false; ///< the taker sleeps until there is a frame at all
     bool m_halted = false;
     bool m_ended = false; ///< there is nothing behind m_frames
     std::exception_ptr m_failure;

@@ -2,6 +2,7 @@
 
 #include "plugin/MetadataPacket.h"
 
+#include <chrono>
 #include <utility>
 
 namespace zel::host {
@@ -67,7 +68,7 @@ void StageReader::run()
 {
     try {
         Frame frame;
-        while (!m_sawEnd && m_stage.read(frame)) {
+        while (!m_sawEnd && readFrame(frame)) {
             const StageFrameOwner owner(m_stage, frame);
             m_sawEnd = !handle(frame);
         }
@@ -83,6 +84,21 @@ void StageReader::run()
     if (m_failed) {
         m_onFailure();
     }
+}
+
+/// A reader that is faster than the writer would be woken for each packet, which costs the writer
+/// more than the packet. So one who had to wait gives the stage a moment to gather some.
+bool StageReader::readFrame(Frame& frame)
+{
+    using Clock = std::chrono::steady_clock;
+    constexpr auto Asleep = std::chrono::microseconds(20);
+    constexpr auto Moment = std::chrono::microseconds(500);
+    const auto begun = Clock::now();
+    const bool isRead = m_stage.read(frame);
+    if (isRead && Clock::now() - begun > Asleep) {
+        std::this_thread::sleep_for(Moment);
+    }
+    return isRead;
 }
 
 /// @return false at the end of the stream

@@ -42,6 +42,7 @@ public:
 
 private:
     void run();
+    bool readFrame(Frame& frame);
     bool handle(const Frame& frame);
     static bool isMark(const Frame& frame);
 
