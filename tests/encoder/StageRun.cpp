@@ -66,15 +66,15 @@ SamplePacket* samplePacket(PacketType::Enum type, const std::string& bytes,
     return packet;
 }
 
-StageRun::StageRun(OutputSession& session)
-    : m_stage(std::make_unique<FFMpegEncoder>()),
+StageRun::StageRun(OutputSession& session, Reader reader)
+    : m_stage(std::make_unique<FFMpegEncoder>()), m_readerKind(reader),
       m_initResult(m_stage->init(&session.medium, &session.input, &session.request,
                                  &session.options, nullptr))
 {
     if (m_initResult == 0) {
         m_startResult = m_stage->start();
     }
-    if (m_startResult != 0) {
+    if (m_startResult != 0 && reader == Reader::OnItsThread) {
         m_reader = std::thread([this] { readAll(); });
     }
 }
@@ -88,19 +88,28 @@ StageRun::~StageRun()
     m_stage->close();
 }
 
-void StageRun::readAll()
+std::optional<Delivered> StageRun::next()
 {
+    Delivered packet;
     unsigned char* data = nullptr;
     unsigned int size = 0;
     void* context = nullptr;
-    for (Delivered packet; m_stage->readFrame(packet.type, data, size, packet.timestampUs,
-                                              packet.durationUs, context, packet.keyFrame);) {
-        packet.bytes.assign(reinterpret_cast<const char*>(data), data != nullptr ? size : 0);
-        m_stage->freeFrame(data, context);
-        if (packet.type == PacketType::None) {
+    if (!m_stage->readFrame(packet.type, data, size, packet.timestampUs, packet.durationUs, context,
+                            packet.keyFrame)) {
+        return std::nullopt;
+    }
+    packet.bytes.assign(reinterpret_cast<const char*>(data), data != nullptr ? size : 0);
+    m_stage->freeFrame(data, context);
+    return packet;
+}
+
+void StageRun::readAll()
+{
+    while (const auto packet = next()) {
+        if (packet->type == PacketType::None) {
             return;
         }
-        m_delivered.push_back(packet);
+        m_delivered.push_back(*packet);
     }
 }
 
@@ -109,8 +118,10 @@ std::vector<Delivered> StageRun::finish()
     m_stage->write(samplePacket(PacketType::None, "", 0));
     if (m_reader.joinable()) {
         m_reader.join();
+    } else if (m_readerKind == Reader::TheTest && m_startResult != 0) {
+        readAll();
     }
-    return std::move(m_delivered);
+    return std::exchange(m_delivered, {});
 }
 
 MediumFeed::MediumFeed(const std::string& path, const Feed& feed)

@@ -43,12 +43,21 @@ streamer::SamplePacket* samplePacket(streamer::PacketType::Enum type, const std:
 ///     run.write(samplePacket(...));    // on the test's thread
 ///     for (const Delivered& packet : run.finish()) ...
 ///
+/// A test whose packets find room in the queue can do without that thread: what the stage delivers
+/// then waits until it is asked for.
+///
 /// Owner and thread: the test.
 class StageRun
 {
 public:
+    enum class Reader
+    {
+        OnItsThread,
+        TheTest, ///< through next() and finish()
+    };
+
     /// @param session  outlives this
-    explicit StageRun(OutputSession& session);
+    explicit StageRun(OutputSession& session, Reader reader = Reader::OnItsThread);
     /// Stops and closes.
     ~StageRun();
     StageRun(const StageRun&) = delete;
@@ -58,6 +67,9 @@ public:
     int startResult() const { return m_startResult; }
     FFMpegEncoder& stage() { return *m_stage; }
     void write(streamer::SamplePacket* packet) { m_stage->write(packet); }
+    /// Reads one packet on the test's thread, and waits for it.
+    /// @return nothing once the stage is stopped
+    std::optional<Delivered> next();
     /// Writes the end of the stream and waits until it has come out.
     /// @return all that was delivered, without the packet that says the end
     std::vector<Delivered> finish();
@@ -66,6 +78,7 @@ private:
     void readAll();
 
     std::unique_ptr<FFMpegEncoder> m_stage;
+    const Reader m_readerKind;
     int m_initResult;
     int m_startResult = 0;
     std::vector<Delivered> m_delivered; ///< the reader's until it has ended
