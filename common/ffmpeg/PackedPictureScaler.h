@@ -17,6 +17,8 @@ namespace zel::av {
 ///     rows 0 ... n-17   in place
 ///     rows n-16 ... n-1 of the last plane: copy | 64 zeros
 ///
+/// Either way the result is that of one call for the whole picture.
+///
 /// Owner: the encoder stage. Threads: the one that writes to the stage.
 class PackedPictureScaler
 {
@@ -51,10 +53,17 @@ private:
         int first;
         int count;
     };
+    Rows rowsOf(const unsigned char* picture) const;
+    static Rows turned(const Rows& all);
+    bool scaleInOneOrTwo(std::span<const unsigned char> picture, bool bottomUp, AVFrame& out);
     bool scaleRows(const Rows& rows, AVFrame& out);
     bool scaleTopDown(const Rows& all, const unsigned char* end, AVFrame& out);
     bool scaleBottomUp(const Rows& all, AVFrame& out);
+    bool isIndivisible() const;
+    bool keepsSize() const;
+    void drawLastChroma(const unsigned char* lastRow, AVFrame& out) const;
     int chromaRows(int plane, int rows) const;
+    int firstTailRow() const;
     const unsigned char* keep(const unsigned char* data, std::size_t size);
 
     Scaler m_scaler;
