@@ -27,30 +27,28 @@ namespace {
 class StrictDecoder
 {
 public:
-    StrictDecoder(AVCodecID codec, const std::string& setUp, int channels, int sampleRate)
+    StrictDecoder(AVCodecID codec, const std::string& setUp)
         : m_context(avcodec_alloc_context3(avcodec_find_decoder(codec))), m_frame(av::makeFrame()),
           m_packet(av::makePacket())
     {
         m_context->err_recognition = AV_EF_EXPLODE | AV_EF_BITSTREAM | AV_EF_BUFFER;
         m_context->thread_count = 1;
-        m_context->sample_rate = sampleRate;
-        m_context->request_sample_fmt = AV_SAMPLE_FMT_S16;
-        if (channels > 0) {
-            av_channel_layout_default(&m_context->ch_layout, channels);
-        }
         if (!setUp.empty()) {
             m_context->extradata =
                 static_cast<uint8_t*>(av_mallocz(setUp.size() + AV_INPUT_BUFFER_PADDING_SIZE));
             std::memcpy(m_context->extradata, setUp.data(), setUp.size());
             m_context->extradata_size = static_cast<int>(setUp.size());
         }
-        check(avcodec_open2(m_context.get(), nullptr, nullptr), "open");
     }
+
+    /// Before decode.
+    AVCodecContext& context() { return *m_context; }
 
     /// @param take  called with each frame
     template <class Take>
     void decode(const std::vector<std::string>& frames, Take take)
     {
+        check(avcodec_open2(m_context.get(), nullptr, nullptr), "open");
         for (const std::string& bytes : frames) {
             av_packet_unref(m_packet.get());
             check(av_new_packet(m_packet.get(), static_cast<int>(bytes.size())), "allocate");
@@ -246,11 +244,14 @@ std::string bytesOfHexText(const std::string& text)
     return bytes;
 }
 
-std::vector<std::string> decodePictures(AVCodecID codec, const std::string& setUp,
-                                        const std::vector<std::string>& frames)
+std::vector<std::string> decodePictures(AVCodecID codec, const std::string& setUp, int width,
+                                        int height, const std::vector<std::string>& frames)
 {
     std::vector<std::string> pictures;
-    StrictDecoder(codec, setUp, 0, 0).decode(frames, [&pictures](const AVFrame& frame) {
+    StrictDecoder decoder(codec, setUp);
+    decoder.context().width = width;
+    decoder.context().height = height;
+    decoder.decode(frames, [&pictures](const AVFrame& frame) {
         const auto format = static_cast<AVPixelFormat>(frame.format);
         const int size = av_image_get_buffer_size(format, frame.width, frame.height, 1);
         std::string planes(static_cast<std::size_t>(size), '\0');
@@ -265,14 +266,16 @@ std::vector<int16_t> decodeSamples(AVCodecID codec, const std::string& setUp, in
                                    int sampleRate, const std::vector<std::string>& frames)
 {
     std::vector<int16_t> samples;
-    StrictDecoder(codec, setUp, channels, sampleRate)
-        .decode(frames, [&samples](const AVFrame& frame) {
-            for (int i = 0; i < frame.nb_samples; ++i) {
-                for (int channel = 0; channel < frame.ch_layout.nb_channels; ++channel) {
-                    samples.push_back(sampleAt(frame, channel, i));
-                }
+    StrictDecoder decoder(codec, setUp);
+    decoder.context().sample_rate = sampleRate;
+    av_channel_layout_default(&decoder.context().ch_layout, channels);
+    decoder.decode(frames, [&samples](const AVFrame& frame) {
+        for (int i = 0; i < frame.nb_samples; ++i) {
+            for (int channel = 0; channel < frame.ch_layout.nb_channels; ++channel) {
+                samples.push_back(sampleAt(frame, channel, i));
             }
-        });
+        }
+    });
     return samples;
 }
 

@@ -54,10 +54,11 @@ std::string bytesOfHexText(const std::string& text);
 
 /// Decodes whole frames, one a packet.
 /// @param setUp  the stream's extradata; may be empty
+/// @param width, height  as a container would tell them
 /// @return planes of each picture, without padding
 /// @throws std::runtime_error when the decoder complains
-std::vector<std::string> decodePictures(AVCodecID codec, const std::string& setUp,
-                                        const std::vector<std::string>& frames);
+std::vector<std::string> decodePictures(AVCodecID codec, const std::string& setUp, int width,
+                                        int height, const std::vector<std::string>& frames);
 
 /// @return interleaved 16-bit samples
 /// @throws std::runtime_error when the decoder complains
