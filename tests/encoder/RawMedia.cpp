@@ -147,6 +147,44 @@ OutputSession sampleSession(const char* codec, int bitrate, int inChannels, int 
     return session;
 }
 
+OutputSession rawSession(const char* video, const char* audio)
+{
+    OutputSession session = pictureSession(video, 64, 48);
+    const OutputSession samples = sampleSession(audio, 128000);
+    session.input.stream.audio = samples.input.stream.audio;
+    session.requestAudio(audio, 128000);
+    return session;
+}
+
+OutputSession multiplexedSession(const char* format, const char* video, const char* audio)
+{
+    OutputSession session = rawSession(video, audio);
+    session.requestFormat(format);
+    session.request.output.multiplexed = true;
+    return session;
+}
+
+OutputSession copiedSession(const char* video, const char* audio)
+{
+    OutputSession session = rawSession(video, audio);
+    session.requestAudio(audio, 128000, 2, 44100);
+    session.inputVideo(video);
+    session.inputAudio(audio);
+    return session;
+}
+
+host::OutputStreamRecord describe(FFMpegEncoder& stage)
+{
+    host::OutputStreamRecord record;
+    stage.getOutputStreamDescription(&record);
+    return record;
+}
+
+int initResult(OutputSession& session)
+{
+    return StageRun(session, StageRun::Reader::TheTest).initResult();
+}
+
 std::size_t pictureSize(VideoPixelFormat::Enum format, int width, int height)
 {
     return static_cast<std::size_t>(

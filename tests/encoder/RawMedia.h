@@ -26,6 +26,22 @@ OutputSession pictureSession(const char* codec, int width = 176, int height = 14
 OutputSession sampleSession(const char* codec, int bitrate, int inChannels = 2, int inRate = 44100,
                             int outChannels = 0, int outRate = 0);
 
+/// Raw pictures of 64 x 48 and stereo samples in, elementary packets out.
+OutputSession rawSession(const char* video = "mpeg4", const char* audio = "ac3");
+
+/// The same in a container.
+OutputSession multiplexedSession(const char* format, const char* video = "mpeg4",
+                                 const char* audio = "ac3");
+
+/// Compressed streams, which are copied, elementary packets out.
+OutputSession copiedSession(const char* video = "h264", const char* audio = "aac");
+
+/// Sets a stage up and ends it.
+int initResult(OutputSession& session);
+
+/// What the stage answers.
+host::OutputStreamRecord describe(FFMpegEncoder& stage);
+
 /// Bytes of a raw picture.
 std::size_t pictureSize(streamer::VideoPixelFormat::Enum format, int width, int height);
 
