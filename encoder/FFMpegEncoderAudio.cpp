@@ -22,7 +22,7 @@ namespace {
 constexpr int MAX_AUDIO_PACKET_SIZE = 131072;
 constexpr int ResampleBytes = 524288;
 
-/// A packet is resampled and encoded in pieces of so many samples, whatever its size.
+/// A packet is resampled and encoded in pieces of at most so many samples, whatever its size.
 constexpr int PieceSamples = 8192;
 
 /// What a frame of an encoder without a frame size holds.
@@ -87,6 +87,14 @@ bool mixToStereo(std::vector<int16_t>& samples, int channels)
     return true;
 }
 
+/// How many samples may be resampled at once, so that half of the room takes them; what the filter
+/// kept of the piece before comes on top.
+int pieceThatFits(int room, int inRate, int outRate)
+{
+    const long long samples = static_cast<long long>(room / 2) * inRate / outRate;
+    return static_cast<int>(std::clamp<long long>(samples, 1, PieceSamples));
+}
+
 } // namespace
 
 void FFMpegEncoder::encodeAudioPacket(SamplePacket& packet)
@@ -125,11 +133,13 @@ void FFMpegEncoder::encodeAudioPacket(SamplePacket& packet)
         return;
     }
     const int total = static_cast<int>(m_samples.size()) / channels;
-    for (int done = 0; done < total; done += PieceSamples) {
-        const int count = std::min(PieceSamples, total - done);
+    const int room = ResampleBytes / (encoder.ch_layout.nb_channels * 2);
+    const int step =
+        isResampled ? pieceThatFits(room, sampleRate, encoder.sample_rate) : PieceSamples;
+    for (int done = 0; done < total; done += step) {
+        const int count = std::min(step, total - done);
         const int16_t* piece = m_samples.data() + static_cast<std::ptrdiff_t>(done) * channels;
         if (isResampled) {
-            const int room = ResampleBytes / (encoder.ch_layout.nb_channels * 2);
             const int made = m_resampleContext->convert(piece, count, m_resampleBuffer.get(), room);
             encodeSamples(m_resampleBuffer.get(), made, timestamp);
         } else {
