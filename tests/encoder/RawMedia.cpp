@@ -248,13 +248,17 @@ std::vector<int16_t> samplesOf(const std::string& bytes)
 
 double frequencyOf(const std::vector<int16_t>& samples, int sampleRate, int channels)
 {
-    std::vector<double> one;
-    for (std::size_t i = 0; i < samples.size(); i += static_cast<std::size_t>(channels)) {
-        one.push_back(samples[i]);
+    // From the middle, behind what an encoder puts in front.
+    constexpr std::size_t Enough = 16384;
+    const auto step = static_cast<std::size_t>(channels);
+    const std::size_t count = std::min(Enough, samples.size() / step);
+    std::vector<double> one(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        one[i] = samples[((samples.size() / step - count) / 2 + i) * step];
     }
     double best = 0.0;
     double bestStrength = 0.0;
-    for (double hertz = 50.0; hertz < sampleRate / 2.0; hertz += 5.0) {
+    for (double hertz = 50.0; hertz < std::min(3000.0, sampleRate / 2.0); hertz += 2.0) {
         const double found = strength(one, hertz / sampleRate);
         if (found > bestStrength) {
             best = hertz;
@@ -306,6 +310,7 @@ std::vector<int16_t> decodeSamples(AVCodecID codec, const std::string& setUp, in
     std::vector<int16_t> samples;
     StrictDecoder decoder(codec, setUp);
     decoder.context().sample_rate = sampleRate;
+    decoder.context().block_align = frames.empty() ? 0 : static_cast<int>(frames[0].size());
     av_channel_layout_default(&decoder.context().ch_layout, channels);
     decoder.decode(frames, [&samples](const AVFrame& frame) {
         for (int i = 0; i < frame.nb_samples; ++i) {

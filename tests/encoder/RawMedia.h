@@ -59,7 +59,7 @@ std::vector<int16_t> tone(double hertz, int sampleRate, int channels, int sample
 std::string bytesOf(const std::vector<int16_t>& samples);
 std::vector<int16_t> samplesOf(const std::string& bytes);
 
-/// The strongest frequency between 50 hertz and half the rate, of one channel.
+/// The strongest frequency between 50 and 3000 hertz, of one channel.
 double frequencyOf(const std::vector<int16_t>& samples, int sampleRate, int channels = 1);
 
 /// The contents of delivered packets of a kind, one behind the other.

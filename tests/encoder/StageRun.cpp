@@ -103,6 +103,26 @@ std::optional<Delivered> StageRun::next()
     return packet;
 }
 
+std::vector<Delivered> StageRun::soFar()
+{
+    // A packet that the stage passes on at once marks the place.
+    const MetadataPacket marker("marker", "here");
+    m_stage->write(samplePacket(PacketType::Metadata,
+                                std::string(reinterpret_cast<const char*>(marker.getBuffer()),
+                                            static_cast<std::size_t>(marker.getLength())),
+                                0));
+    std::vector<Delivered> packets;
+    for (auto packet = next(); packet; packet = next()) {
+        const MetadataPacket block(packet->bytes.data(),
+                                   static_cast<unsigned int>(packet->bytes.size()));
+        if (packet->type == PacketType::Metadata && block.getMetadata("marker") == "here") {
+            break;
+        }
+        packets.push_back(*packet);
+    }
+    return packets;
+}
+
 void StageRun::readAll()
 {
     while (const auto packet = next()) {

@@ -70,6 +70,8 @@ public:
     /// Reads one packet on the test's thread, and waits for it.
     /// @return nothing once the stage is stopped
     std::optional<Delivered> next();
+    /// Reads all that the stage has delivered by now; not for RTP, whose packets are put in order.
+    std::vector<Delivered> soFar();
     /// Writes the end of the stream and waits until it has come out.
     /// @return all that was delivered, without the packet that says the end
     std::vector<Delivered> finish();
