@@ -256,10 +256,10 @@ double frequencyOf(const std::vector<int16_t>& samples, int sampleRate, int chan
     for (std::size_t i = 0; i < count; ++i) {
         one[i] = samples[((samples.size() / step - count) / 2 + i) * step];
     }
-    double best = 0.0;
+    int best = 0;
     double bestStrength = 0.0;
-    for (double hertz = 50.0; hertz < std::min(3000.0, sampleRate / 2.0); hertz += 2.0) {
-        const double found = strength(one, hertz / sampleRate);
+    for (int hertz = 50; hertz < std::min(3000, sampleRate / 2); hertz += 2) {
+        const double found = strength(one, static_cast<double>(hertz) / sampleRate);
         if (found > bestStrength) {
             best = hertz;
             bestStrength = found;
