@@ -419,7 +419,8 @@ int BasicMuxer::_writeVideoPacket(MuxerPacket& packet)
         m_firstVideoPts = packet.getPts();
     }
     const MuxTimes::Stamp stamp =
-        m_times.video(packet.getBuffer(), packet.getLength(), packet.getPts() - m_firstVideoPts);
+        m_times.video(packet.getBuffer(), packet.getLength(), packet.getPts() - m_firstVideoPts,
+                      static_cast<long long>(packet.getTimestamp()));
     if (m_pendingTs == SamplePacket::NoTimestamp) {
         m_pendingTs = packet.getTimestamp();
     }

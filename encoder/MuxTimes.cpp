@@ -8,7 +8,7 @@ namespace {
 
 constexpr AVRational Microseconds{1, 1000000};
 
-/// Beginnings of audio and video that lie further apart belong to no common clock.
+/// Audio and video that lie further apart belong to no common clock.
 constexpr long long FarApartUs = 10000000;
 
 /// The stage hands an encoder at most this much of a frame.
@@ -38,23 +38,50 @@ void MuxTimes::begin(AVRational videoTimeBase, AVRational audioTimeBase)
     m_audio.timeBase = audioTimeBase;
     m_video.lastDts.reset();
     m_audio.lastDts.reset();
-    m_firstVideoUs.reset();
+    m_videoPassed = Passed();
+    m_audioPassed = Passed();
+    m_videoStart = 0;
+    m_videoStartUs = 0;
+    m_videoShift = 0;
     m_firstSamplesUs.reset();
-    m_audioOrigin.reset();
+    m_audioZeroUs.reset();
     m_audioClock.reset();
     if (m_composition) {
         m_composition->reset();
     }
 }
 
+void MuxTimes::Passed::note(long long timestampUs)
+{
+    firstUs = firstUs.value_or(timestampUs);
+    lastUs = timestampUs;
+}
+
+bool MuxTimes::Passed::isNear(long long timestampUs) const
+{
+    // A stream may begin late; then it is near to where the other has come to meanwhile.
+    return firstUs && (std::llabs(timestampUs - *firstUs) <= FarApartUs ||
+                       std::llabs(timestampUs - lastUs) <= FarApartUs);
+}
+
 void MuxTimes::noteVideo(long long timestampUs, int64_t pts, int64_t firstPts)
 {
-    if (!m_firstVideoUs) {
-        m_firstVideoUs = timestampUs;
-        m_videoOriginUs =
-            timestampUs - av_rescale_q(pts - firstPts, m_video.timeBase, Microseconds);
-        m_firstVideoPts = firstPts;
+    if (!m_videoPassed.firstUs) {
+        beginVideo(timestampUs, pts - firstPts);
     }
+    m_videoPassed.note(timestampUs);
+}
+
+void MuxTimes::beginVideo(long long timestampUs, int64_t pts)
+{
+    m_videoStart = pts;
+    if (m_audioZeroUs && m_audioPassed.isNear(timestampUs)) {
+        // So late that audio was not held back for it: it joins where the medium has it.
+        m_videoStart = std::max<int64_t>(
+            av_rescale_q(timestampUs - *m_audioZeroUs, Microseconds, m_video.timeBase), 0);
+    }
+    m_videoShift = m_videoStart - pts;
+    m_videoStartUs = av_rescale_q(m_videoStart, m_video.timeBase, Microseconds);
 }
 
 void MuxTimes::noteSamples(long long timestampUs)
@@ -64,13 +91,20 @@ void MuxTimes::noteSamples(long long timestampUs)
     }
 }
 
-MuxTimes::Stamp MuxTimes::video(const unsigned char* data, int size, int64_t pts)
+MuxTimes::Stamp MuxTimes::video(const unsigned char* data, int size, int64_t pts,
+                                long long timestampUs)
 {
-    Stamp stamp;
-    stamp.dts = behindLast(m_video, pts);
     const double frameTicks = av_q2d(m_frame) / av_q2d(m_video.timeBase);
     const double offset = m_composition ? m_composition->next(data, size) : 0.0;
-    stamp.pts = std::max<int64_t>(pts + std::llround(offset * frameTicks), stamp.dts);
+    int64_t dts = pts + m_videoShift;
+    if (m_video.copied && m_videoPassed.firstUs) {
+        dts = m_videoStart +
+              av_rescale_q(timestampUs - *m_videoPassed.firstUs, Microseconds, m_video.timeBase);
+    }
+    Stamp stamp;
+    stamp.pts = dts + std::llround(offset * frameTicks);
+    stamp.dts = behindLast(m_video, dts);
+    stamp.pts = std::max(stamp.pts, stamp.dts);
     stamp.duration = std::llround(frameTicks);
     return stamp;
 }
@@ -82,10 +116,7 @@ MuxTimes::Stamp MuxTimes::audio(int size, int64_t pts, long long timestampUs)
     Stamp stamp;
     stamp.duration = av_rescale_q(samples, sample, m_audio.timeBase);
     if (m_audio.copied) {
-        if (!m_audioOrigin) {
-            m_audioOrigin = copiedAudioOrigin(pts, timestampUs);
-        }
-        stamp.dts = pts - *m_audioOrigin;
+        stamp.dts = copiedAudio(pts, timestampUs);
     } else {
         if (!m_audioClock) {
             m_audioClock = encodedAudioStart(pts, timestampUs);
@@ -93,33 +124,40 @@ MuxTimes::Stamp MuxTimes::audio(int size, int64_t pts, long long timestampUs)
         stamp.dts = av_rescale_q(*m_audioClock, sample, m_audio.timeBase);
         *m_audioClock += samples;
     }
+    m_audioPassed.note(timestampUs);
     stamp.dts = behindLast(m_audio, stamp.dts);
     stamp.pts = stamp.dts;
     return stamp;
 }
 
-bool MuxTimes::isNearVideo(long long timestampUs) const
+/// @param startUs  time in the medium of the first sample
+long long MuxTimes::audioZero(long long startUs) const
 {
-    return m_firstVideoUs && std::llabs(timestampUs - *m_firstVideoUs) <= FarApartUs;
+    if (!m_videoPassed.firstUs) {
+        return startUs; // video is late, and will find its place by this
+    }
+    const long long beginning = m_videoPassed.isNear(startUs) ? *m_videoPassed.firstUs : startUs;
+    return beginning - m_videoStartUs;
 }
 
-int64_t MuxTimes::copiedAudioOrigin(int64_t pts, long long timestampUs) const
+int64_t MuxTimes::copiedAudio(int64_t pts, long long timestampUs)
 {
     if (!m_video.present) {
-        return 0;
+        return pts;
     }
-    return isNearVideo(timestampUs)
-               ? av_rescale_q(m_firstVideoPts, m_video.timeBase, m_audio.timeBase)
-               : pts;
+    if (!m_audioZeroUs) {
+        m_audioZeroUs = audioZero(timestampUs);
+    }
+    return pts - av_rescale_q(*m_audioZeroUs, Microseconds, m_audio.timeBase);
 }
 
-int64_t MuxTimes::encodedAudioStart(int64_t pts, long long timestampUs) const
+int64_t MuxTimes::encodedAudioStart(int64_t pts, long long timestampUs)
 {
     const AVRational sample{1, std::max(m_audioParameters->sample_rate, 1)};
     const long long startUs = m_firstSamplesUs.value_or(timestampUs);
     if (m_video.present) {
-        return isNearVideo(startUs) ? av_rescale_q(startUs - m_videoOriginUs, Microseconds, sample)
-                                    : 0;
+        m_audioZeroUs = audioZero(startUs);
+        return av_rescale_q(startUs - *m_audioZeroUs, Microseconds, sample);
     }
     if (pts == 0) {
         return 0;

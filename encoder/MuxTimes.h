@@ -14,12 +14,16 @@
 /// guessed:
 ///
 ///     encoded video   pts = dts = the stage's time
-///     copied video    dts = the stage's time, pts = dts + composition offset of the picture
+///     copied video    dts = the medium's time, counted from the first packet, which has the
+///                     stage's; pts = dts + composition offset of the picture
 ///     encoded audio   a clock in samples
 ///     copied audio    pts = dts = the stage's time, counted from the first video packet
 ///
-/// Audio and video keep the distance that they have in the medium. Where their beginnings lie too
-/// far apart for one medium, as in a capture with broken clocks, each begins at its own first.
+/// Copied video does not take the stage's time as it is, because that is rounded to the frames of
+/// the output's rate: pictures between two of them would be shown out of step.
+///
+/// Audio and video keep the distance that they have in the medium. Where they lie too far apart
+/// for one medium, as in a capture with broken clocks, each begins at its own first.
 ///
 /// Owner: a muxer. Threads: under the muxer's locks.
 class MuxTimes
@@ -38,7 +42,7 @@ public:
     /// A header is out, which settles the time bases: all clocks begin anew.
     void begin(AVRational videoTimeBase, AVRational audioTimeBase);
 
-    /// The first video packet is on its way, maybe behind audio that is written before it.
+    /// A video packet is on its way, maybe behind audio that is written before it.
     /// @param timestampUs  its time in the medium
     /// @param pts          its time in the output, of the video stream's time base
     /// @param firstPts     what is subtracted from all video times, of the same
@@ -48,7 +52,7 @@ public:
     void noteSamples(long long timestampUs);
 
     /// @param pts  counted from the first video packet
-    Stamp video(const unsigned char* data, int size, int64_t pts);
+    Stamp video(const unsigned char* data, int size, int64_t pts, long long timestampUs);
     /// @param pts  as the stage passes it
     Stamp audio(int size, int64_t pts, long long timestampUs);
 
@@ -62,9 +66,21 @@ private:
         std::optional<int64_t> lastDts; ///< since begin()
     };
 
-    bool isNearVideo(long long timestampUs) const;
-    int64_t copiedAudioOrigin(int64_t pts, long long timestampUs) const;
-    int64_t encodedAudioStart(int64_t pts, long long timestampUs) const;
+    /// Where a stream stands in the medium, since begin().
+    struct Passed
+    {
+        std::optional<long long> firstUs;
+        long long lastUs = 0;
+
+        void note(long long timestampUs);
+        /// Whether a time of the other stream can be one of the same clock.
+        bool isNear(long long timestampUs) const;
+    };
+
+    void beginVideo(long long timestampUs, int64_t pts);
+    long long audioZero(long long startUs) const;
+    int64_t copiedAudio(int64_t pts, long long timestampUs);
+    int64_t encodedAudioStart(int64_t pts, long long timestampUs);
     int64_t packetSamples(int size) const;
     static int64_t behindLast(Stream& stream, int64_t dts);
 
@@ -75,10 +91,12 @@ private:
     std::unique_ptr<zel::av::CompositionOffsets> m_composition; ///< null where nothing is reordered
 
     // Since begin().
-    std::optional<long long> m_firstVideoUs;
-    long long m_videoOriginUs = 0; ///< time in the medium at which the video's output time is 0
-    int64_t m_firstVideoPts = 0;   ///< of the video stream's time base
+    Passed m_videoPassed;
+    Passed m_audioPassed;
+    int64_t m_videoStart = 0;     ///< output time of the first packet, of the stream's time base
+    int64_t m_videoShift = 0;     ///< added to the stage's times, where audio began long before
+    long long m_videoStartUs = 0; ///< m_videoStart in microseconds
     std::optional<long long> m_firstSamplesUs;
-    std::optional<int64_t> m_audioOrigin; ///< of copied audio, of the audio stream's time base
-    std::optional<int64_t> m_audioClock;  ///< of encoded audio, samples
+    std::optional<long long> m_audioZeroUs; ///< time in the medium of the audio's output time 0
+    std::optional<int64_t> m_audioClock;    ///< of encoded audio, samples
 };
