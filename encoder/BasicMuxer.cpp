@@ -397,6 +397,7 @@ void BasicMuxer::checkForKeyFrame(const MuxerPacket* packet)
 
 void BasicMuxer::drainContainer()
 {
+    m_isDrained = true;
     if (m_headerWritten) {
         // The first empties what waits for its turn between the streams, the second the container.
         av_interleaved_write_frame(m_outputContext.get(), nullptr);
@@ -488,6 +489,11 @@ int BasicMuxer::writeFrame(MuxerPacket& packet, int stream, const MuxTimes::Stam
         }
     }
     const int result = av_interleaved_write_frame(m_outputContext.get(), m_packet.get());
+    if (m_isDrained) {
+        // Not to be overtaken by what comes behind it with an earlier time, as encoded audio does.
+        m_isDrained = false;
+        av_interleaved_write_frame(m_outputContext.get(), nullptr);
+    }
     m_monitor.write(static_cast<unsigned long long>(packet.getLength()), packet.getTimestamp(),
                     packet.getType());
     av_packet_unref(m_packet.get());

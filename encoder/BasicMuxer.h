@@ -105,8 +105,8 @@ protected:
     bool makeStreams(AVFormatContext& context) ZEL_REQUIRES(m_contextLock);
     /// Writes the header of a context that has none yet, and starts the clocks.
     int beginContainer() ZEL_REQUIRES(m_contextLock);
-    /// Lets everything that libavformat holds back out of it, so that the next frame's bytes begin
-    /// in a packet or file of their own.
+    /// Lets everything that libavformat holds back out of it, so that the next frame, which has to
+    /// follow at once, begins a packet or file of its own.
     void drainContainer() ZEL_REQUIRES(m_contextLock);
     bool isMultiplexed() const;
 
@@ -155,4 +155,5 @@ private:
     MuxTimes m_times;
     zel::av::Packet m_packet;
     bool m_newExtradata = false; ///< the next video packet carries it
+    bool m_isDrained = false;    ///< the next frame's bytes come first
 };
