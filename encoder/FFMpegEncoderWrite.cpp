@@ -376,12 +376,12 @@ void FFMpegEncoder::restartMuxer(unsigned long long position)
     }
     const bool allCopied =
         (!m_videoStream || m_videoStream->copied) && (!m_audioStream || m_audioStream->copied);
-    if (!allCopied) {
-        if (!m_audioEncoded && !m_videoEncoded) {
-            return;
-        }
+    if (m_audioEncoded || m_videoEncoded) {
         m_firstVideoTs = 0;
+    } else if (!allCopied && !m_profile->outputStream()->isMultiplexed()) {
+        return;
     }
+    // Where nothing was encoded yet, a stream that is copied may have got through nevertheless.
     m_muxer->seekPause();
     m_muxer->seekResume(position);
 }

@@ -11,7 +11,6 @@ extern "C" {
 }
 
 #include <algorithm>
-#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <limits>
@@ -269,12 +268,12 @@ bool MpegTSSegmentedMuxer::checkTSSegmentation(const MuxerPacket* packet)
         return true;
     }
     const auto low = [](unsigned long long ts) { return static_cast<std::uint32_t>(ts); };
-    const int difference =
-        std::abs(static_cast<std::int32_t>(low(m_lastVideoTs) - low(m_lastAudioTs)));
+    const long long difference =
+        std::llabs(static_cast<std::int32_t>(low(m_lastVideoTs) - low(m_lastAudioTs)));
     if (difference > 2 * m_frameDuration) {
         CBBLog::warn("[MpegTSSegmentedMuxer::checkTSSegmentation] audio video diff is too big: %d "
                      "usec.",
-                     difference);
+                     static_cast<int>(difference));
     }
     const unsigned long long timestamp = packet->getTimestamp();
     const unsigned long long durationUs = timestamp - m_segmentStartTs;
