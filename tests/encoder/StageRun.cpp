@@ -207,6 +207,10 @@ void MediumFeed::describe(OutputSession& session)
     }
     session.request.video.width = stream.video.getWidth();
     session.request.video.height = stream.video.getHeight();
+    if (m_feed.copyAudio && session.request.audio.getChannels() == 0) {
+        session.request.audio.channels = stream.audio.getChannels();
+        session.request.audio.sampleRate = stream.audio.getSampleRate();
+    }
     session.request.output.video = session.request.video;
     session.request.output.audio = session.request.audio;
     session.request.output.multiplexed = session.request.output.multiplexed.value_or(true);

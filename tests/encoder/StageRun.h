@@ -108,7 +108,7 @@ public:
     MediumFeed& operator=(const MediumFeed&) = delete;
 
     /// Describes medium and input in the session. Size and frame rate of the request are the
-    /// medium's unless they are set.
+    /// medium's unless they are set, and so are channels and sample rate of copied audio.
     void describe(OutputSession& session);
     /// Writes packets up to the end of the medium or of the feed. Can be called again.
     void writeTo(FFMpegEncoder& stage);
