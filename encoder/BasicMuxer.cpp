@@ -505,10 +505,10 @@ void BasicMuxer::_releasePacket(void* packet, unsigned char* /*data*/)
     static_cast<MuxerPacket*>(packet)->release();
 }
 
-void BasicMuxer::noteSamples(long long timestampUs)
+void BasicMuxer::noteSamples(long long timestampUs, double durationUs)
 {
     const PMutexGuard guard(m_contextLock);
-    m_times.noteSamples(timestampUs);
+    m_times.noteSamples(timestampUs, durationUs);
 }
 
 void BasicMuxer::setVideoExtradata(const unsigned char* data, int size)

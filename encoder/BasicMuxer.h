@@ -78,8 +78,8 @@ public:
     int addStream(const EncoderStream& stream);
     /// The time base of the container's stream, settled by the header; 1/1000 for an absent one.
     AVRational timeBaseOf(AVMediaType type);
-    /// The first samples of a stretch go to the audio encoder.
-    void noteSamples(long long timestampUs);
+    /// Samples go to the audio encoder.
+    void noteSamples(long long timestampUs, double durationUs);
     /// What a copied stream's decoder is set up with, for a stream that came without.
     void setVideoExtradata(const unsigned char* data, int size);
     /// The time stamp for the next byte packet, which unsets it.

@@ -124,15 +124,16 @@ void FFMpegEncoder::encodeAudioPacket(SamplePacket& packet)
         channels = 2;
     }
     const unsigned long long timestamp = audioTimestamp(packet);
-    m_muxer->noteSamples(static_cast<long long>(timestamp));
     const AVCodecContext& encoder = *m_audioStream->context;
     const int sampleRate = source.getSampleRate();
+    const int total = static_cast<int>(m_samples.size()) / channels;
+    m_muxer->noteSamples(static_cast<long long>(timestamp),
+                         total * 1000000.0 / std::max(sampleRate, 1));
     const bool isResampled =
         encoder.ch_layout.nb_channels != channels || encoder.sample_rate != sampleRate;
     if (isResampled && !prepareResampler(channels, sampleRate)) {
         return;
     }
-    const int total = static_cast<int>(m_samples.size()) / channels;
     const int room = ResampleBytes / (encoder.ch_layout.nb_channels * 2);
     const int step =
         isResampled ? pieceThatFits(room, sampleRate, encoder.sample_rate) : PieceSamples;

@@ -270,7 +270,7 @@ bool MpegTSSegmentedMuxer::checkTSSegmentation(const MuxerPacket* packet)
     const auto low = [](unsigned long long ts) { return static_cast<std::uint32_t>(ts); };
     const long long difference =
         std::llabs(static_cast<std::int32_t>(low(m_lastVideoTs) - low(m_lastAudioTs)));
-    if (difference > 2 * m_frameDuration) {
+    if (difference > 2LL * m_frameDuration) {
         CBBLog::warn("[MpegTSSegmentedMuxer::checkTSSegmentation] audio video diff is too big: %d "
                      "usec.",
                      static_cast<int>(difference));

@@ -11,6 +11,13 @@ constexpr AVRational Microseconds{1, 1000000};
 /// Audio and video that lie further apart belong to no common clock.
 constexpr long long FarApartUs = 10000000;
 
+/// Samples that come so much later than they are due have some missing in front of them. Less is
+/// the rounding of time stamps, and nobody hears it.
+constexpr double GapUs = 30000.0;
+
+/// Samples that come so much earlier than they are due belong to a clock that was set back.
+constexpr double OverlapUs = 1000000.0;
+
 /// The stage hands an encoder at most this much of a frame.
 constexpr int MaxFrameBytes = 131072;
 
@@ -44,6 +51,7 @@ void MuxTimes::begin(AVRational videoTimeBase, AVRational audioTimeBase)
     m_videoStartUs = 0;
     m_videoShift = 0;
     m_firstSamplesUs.reset();
+    m_missingUs = 0;
     m_audioZeroUs.reset();
     m_audioClock.reset();
     if (m_composition) {
@@ -84,11 +92,19 @@ void MuxTimes::beginVideo(long long timestampUs, int64_t pts)
     m_videoStartUs = av_rescale_q(m_videoStart, m_video.timeBase, Microseconds);
 }
 
-void MuxTimes::noteSamples(long long timestampUs)
+void MuxTimes::noteSamples(long long timestampUs, double durationUs)
 {
     if (!m_firstSamplesUs) {
         m_firstSamplesUs = timestampUs;
+        m_nextSamplesUs = static_cast<double>(timestampUs);
     }
+    const double aheadUs = static_cast<double>(timestampUs) - m_nextSamplesUs;
+    if (aheadUs > GapUs || aheadUs < -OverlapUs) {
+        // Beside video, what follows would come too early for the rest of the stream.
+        m_missingUs += m_video.present && aheadUs > 0.0 ? std::llround(aheadUs) : 0;
+        m_nextSamplesUs = static_cast<double>(timestampUs);
+    }
+    m_nextSamplesUs += durationUs;
 }
 
 MuxTimes::Stamp MuxTimes::video(const unsigned char* data, int size, int64_t pts,
@@ -121,7 +137,8 @@ MuxTimes::Stamp MuxTimes::audio(int size, int64_t pts, long long timestampUs)
         if (!m_audioClock) {
             m_audioClock = encodedAudioStart(pts, timestampUs);
         }
-        stamp.dts = av_rescale_q(*m_audioClock, sample, m_audio.timeBase);
+        stamp.dts = av_rescale_q(*m_audioClock, sample, m_audio.timeBase) +
+                    av_rescale_q(m_missingUs, Microseconds, m_audio.timeBase);
         *m_audioClock += samples;
     }
     m_audioPassed.note(timestampUs);

@@ -16,7 +16,7 @@
 ///     encoded video   pts = dts = the stage's time
 ///     copied video    dts = the medium's time, counted from the first packet, which has the
 ///                     stage's; pts = dts + composition offset of the picture
-///     encoded audio   a clock in samples
+///     encoded audio   a clock in samples, which jumps over what the medium leaves out
 ///     copied audio    pts = dts = the stage's time, counted from the first video packet
 ///
 /// Copied video does not take the stage's time as it is, because that is rounded to the frames of
@@ -47,9 +47,10 @@ public:
     /// @param pts          its time in the output, of the video stream's time base
     /// @param firstPts     what is subtracted from all video times, of the same
     void noteVideo(long long timestampUs, int64_t pts, int64_t firstPts);
-    /// The first samples for the audio encoder are on their way. Its first packet comes later and
-    /// carries a later time.
-    void noteSamples(long long timestampUs);
+    /// Samples for the audio encoder are on their way. The packet that has them comes later and
+    /// carries a later time; where some are missing, it does not tell.
+    /// @param durationUs  how long they sound
+    void noteSamples(long long timestampUs, double durationUs);
 
     /// @param pts  counted from the first video packet
     Stamp video(const unsigned char* data, int size, int64_t pts, long long timestampUs);
@@ -97,6 +98,8 @@ private:
     int64_t m_videoShift = 0;     ///< added to the stage's times, where audio began long before
     long long m_videoStartUs = 0; ///< m_videoStart in microseconds
     std::optional<long long> m_firstSamplesUs;
+    double m_nextSamplesUs = 0.0;           ///< when the next samples are due
+    long long m_missingUs = 0;              ///< what the medium left out between samples
     std::optional<long long> m_audioZeroUs; ///< time in the medium of the audio's output time 0
     std::optional<int64_t> m_audioClock;    ///< of encoded audio, samples
 };

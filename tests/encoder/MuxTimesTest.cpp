@@ -265,7 +265,7 @@ TEST(MuxTimes, AudioFollowsVideoThatGoesOnAtItsPositionAfterASeek)
         MuxTimesOf session;
         session.withVideo(false).withAudio(copied).begun();
         session.times().noteVideo(61 * SecondUs, 61000, 0);
-        session.times().noteSamples(61 * SecondUs + 24000);
+        session.times().noteSamples(61 * SecondUs + 24000, 24000.0);
         const MuxTimes::Stamp stamp = copied ? session.copiedAudio(61 * SecondUs + 24000)
                                              : session.encodedAudio(61 * SecondUs + 24000);
         EXPECT_EQ(stamp.dts, 61024) << copied;
@@ -285,7 +285,7 @@ TEST(MuxTimes, AudioOfAnotherClockBeginsWithTheVideo)
         MuxTimesOf encoded;
         encoded.withVideo(true).withAudio(false).begun();
         encoded.video(videoUs);
-        encoded.times().noteSamples(audioUs);
+        encoded.times().noteSamples(audioUs, 24000.0);
         EXPECT_EQ(encoded.encodedAudio(audioUs).dts, 0);
     }
 }
@@ -381,7 +381,7 @@ TEST(MuxTimes, EncodedAudioKeepsItsDistanceFromTheVideo)
         MuxTimesOf session;
         session.withVideo(false).withAudio(false).begun();
         session.noteVideo(1480000);
-        session.times().noteSamples(startUs);
+        session.times().noteSamples(startUs, 24000.0);
         EXPECT_EQ(session.encodedAudio(startUs).dts, (startUs - 1480000) / 1000);
         EXPECT_EQ(session.encodedAudio(startUs).dts, (startUs - 1480000) / 1000 + 24);
     }
@@ -392,19 +392,84 @@ TEST(MuxTimes, EncodedAudioBeginsWithItsFirstSamplesAndNotWithItsFirstPacket)
     MuxTimesOf session;
     session.withVideo(false).withAudio(false).begun();
     session.noteVideo(0);
-    session.times().noteSamples(100000);
-    session.times().noteSamples(123000);
-    session.times().noteSamples(146000);
+    session.times().noteSamples(100000, 24000.0);
+    session.times().noteSamples(123000, 24000.0);
+    session.times().noteSamples(146000, 24000.0);
     // The encoder held the first samples back, so its packet has the time of later ones.
     EXPECT_EQ(session.encodedAudio(146000).dts, 100);
     EXPECT_EQ(session.encodedAudio(170000).dts, 124);
+}
+
+TEST(MuxTimes, EncodedAudioJumpsOverWhatTheMediumLeavesOut)
+{
+    MuxTimesOf session;
+    session.withVideo(false).withAudio(false).begun();
+    session.noteVideo(0);
+    long long timestampUs = 0;
+    int64_t expectedMs = 0;
+    for (int n = 0; n < 100; ++n, timestampUs += 24000, expectedMs += 24) {
+        if (n == 50) {
+            timestampUs += 93000;
+            expectedMs += 93;
+        }
+        session.times().noteSamples(timestampUs, 24000.0);
+        EXPECT_EQ(session.encodedAudio(timestampUs).dts, expectedMs) << n;
+    }
+}
+
+TEST(MuxTimes, EncodedAudioDoesNotFollowTimesThatAreRounded)
+{
+    MuxTimesOf session;
+    session.withVideo(false).withAudio(false).begun();
+    session.noteVideo(0);
+    for (int n = 0; n < 1000; ++n) {
+        const long long timestampUs = n * 24000 + (n % 3) * 14000;
+        session.times().noteSamples(timestampUs, 24000.0);
+        EXPECT_EQ(session.encodedAudio(timestampUs).dts, n * 24);
+    }
+}
+
+TEST(MuxTimes, EncodedAudioFollowsAClockThatIsFaster)
+{
+    MuxTimesOf session;
+    session.withVideo(false).withAudio(false).begun();
+    session.noteVideo(0);
+    // A millisecond is missing in each packet.
+    for (int n = 0; n < 1000; ++n) {
+        session.times().noteSamples(n * 25000, 24000.0);
+        EXPECT_NEAR(static_cast<double>(session.encodedAudio(n * 25000).dts), n * 25.0, 32.0);
+    }
+}
+
+TEST(MuxTimes, EncodedAudioGoesOnWhereTheMediumsClockIsSetBack)
+{
+    MuxTimesOf session;
+    session.withVideo(false).withAudio(false).begun();
+    session.noteVideo(60 * SecondUs);
+    session.times().noteSamples(60 * SecondUs, 24000.0);
+    EXPECT_EQ(session.encodedAudio(60 * SecondUs).dts, 0);
+    session.times().noteSamples(0, 24000.0);
+    EXPECT_EQ(session.encodedAudio(0).dts, 24);
+    // What is missing from then on counts again.
+    session.times().noteSamples(124000, 24000.0);
+    EXPECT_EQ(session.encodedAudio(124000).dts, 148);
+}
+
+TEST(MuxTimes, EncodedAudioAloneHasNoGaps)
+{
+    MuxTimesOf session;
+    session.withAudio(false).begun();
+    session.times().noteSamples(0, 24000.0);
+    EXPECT_EQ(session.encodedAudio(0).dts, 0);
+    session.times().noteSamples(3600 * SecondUs, 24000.0);
+    EXPECT_EQ(session.encodedAudio(3600 * SecondUs).dts, 24);
 }
 
 TEST(MuxTimes, EncodedAudioAloneBeginsAtZero)
 {
     MuxTimesOf session;
     session.withAudio(false).begun();
-    session.times().noteSamples(61 * SecondUs);
+    session.times().noteSamples(61 * SecondUs, 24000.0);
     EXPECT_EQ(session.encodedAudio(61 * SecondUs + 24000).dts, 0);
 }
 
@@ -412,7 +477,7 @@ TEST(MuxTimes, EncodedAudioAloneTakesAnExplicitTimeLessTheEncodersLag)
 {
     MuxTimesOf session;
     session.withAudio(false).begun();
-    session.times().noteSamples(60 * SecondUs);
+    session.times().noteSamples(60 * SecondUs, 24000.0);
     EXPECT_EQ(session.encodedAudio(60 * SecondUs + 48000, 60048).dts, 60000);
     EXPECT_EQ(session.encodedAudio(60 * SecondUs + 72000).dts, 60024);
 }
@@ -432,12 +497,12 @@ TEST(MuxTimes, BeginStartsAllClocksAnew)
     session.video(60 * SecondUs, mpegPicture(0, 1, true));
     session.video(60 * SecondUs + FrameUs, mpegPicture(3, 2, false));
     session.copiedAudio(60 * SecondUs);
-    session.times().noteSamples(60 * SecondUs);
+    session.times().noteSamples(60 * SecondUs, 24000.0);
 
     MuxTimes& times = session.times();
     times.begin(Ticks90k, Ticks90k);
     const std::string picture = mpegPicture(0, 1, true);
-    times.noteVideo(SecondUs, 5 * 3600, 5 * 3600);
+    times.noteVideo(SecondUs, 18000, 18000);
     const MuxTimes::Stamp video =
         times.video(reinterpret_cast<const unsigned char*>(picture.data()),
                     static_cast<int>(picture.size()), 0, SecondUs);
@@ -451,10 +516,10 @@ TEST(MuxTimes, BeginForgetsTheFirstSamplesAndTheRunningClock)
 {
     MuxTimesOf session;
     session.withAudio(false).begun();
-    session.times().noteSamples(0);
+    session.times().noteSamples(0, 24000.0);
     session.encodedAudio(48000);
     session.encodedAudio(72000);
     session.begun();
-    session.times().noteSamples(60 * SecondUs);
+    session.times().noteSamples(60 * SecondUs, 24000.0);
     EXPECT_EQ(session.encodedAudio(60 * SecondUs + 24000, 60024).dts, 60000);
 }
