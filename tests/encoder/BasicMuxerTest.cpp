@@ -142,12 +142,12 @@ TEST_F(BasicMuxerTest, HoldsFiftyVideoPacketsUntilAudioComes)
     EXPECT_EQ(m_log.count("[AVPacketSync::pop]"), 0);
 
     // The first gets through now, and is not announced as the first of its stream; then the second.
-    run.write(madeUpVideo(SecondUs + 50 * 2 * SecondUs, true));
+    run.write(madeUpVideo(101 * SecondUs, true));
     EXPECT_TRUE(announced(run.soFar()).empty());
     EXPECT_EQ(m_log.count("[AVPacketSync::pop] VIDEO reached limit. numVideoPackets 51  "
                           "maxVideoPackets 50  numAudioPackets 0"),
               1);
-    run.write(madeUpVideo(SecondUs + 51 * 2 * SecondUs, true));
+    run.write(madeUpVideo(103 * SecondUs, true));
     EXPECT_EQ(announced(run.soFar()), (std::vector<unsigned long long>{3 * SecondUs}));
 }
 

@@ -125,7 +125,8 @@ PlayedMedium readBack(const std::string& path)
     PlayedMedium medium;
     medium.video = describe(*raw, video);
     medium.audio = describe(*raw, audio);
-    medium.durationMs = raw->duration == AV_NOPTS_VALUE ? -1.0 : raw->duration / 1000.0;
+    medium.durationMs =
+        raw->duration == AV_NOPTS_VALUE ? -1.0 : static_cast<double>(raw->duration) / 1000.0;
     const av::Packet packet = av::makePacket();
     while (av_read_frame(raw, packet.get()) >= 0) {
         if (packet->stream_index == video || packet->stream_index == audio) {
