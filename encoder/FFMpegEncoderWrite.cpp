@@ -305,6 +305,9 @@ void FFMpegEncoder::flushQueue()
     if (m_queue != nullptr) {
         m_queue->flush();
     }
+    // A writer may have filled the queue up once more before it was stopped. Nobody will read that
+    // out of it, so nobody would let the next writer go on.
+    m_queueHasRoom.signal(m_queueHasRoomFlag);
 }
 
 void FFMpegEncoder::flush()

@@ -46,6 +46,7 @@ void MuxTimes::begin(AVRational videoTimeBase, AVRational audioTimeBase)
     m_video.lastDts.reset();
     m_audio.lastDts.reset();
     m_videoPassed = Passed();
+    m_spacings = Spacings();
     m_audioPassed = Passed();
     m_videoStart = 0;
     m_videoStartUs = 0;
@@ -76,6 +77,8 @@ void MuxTimes::noteVideo(long long timestampUs, int64_t pts, int64_t firstPts)
 {
     if (!m_videoPassed.firstUs) {
         beginVideo(timestampUs, pts - firstPts);
+    } else if (m_video.copied && timestampUs > m_videoPassed.lastUs) {
+        m_spacings.note(timestampUs - m_videoPassed.lastUs);
     }
     m_videoPassed.note(timestampUs);
 }
@@ -107,10 +110,33 @@ void MuxTimes::noteSamples(long long timestampUs, double durationUs)
     m_nextSamplesUs += durationUs;
 }
 
+bool MuxTimes::Spacings::hasNear(double distanceUs) const
+{
+    return std::any_of(us.begin(), us.end(), [distanceUs](long long noted) {
+        return std::abs(static_cast<double>(noted) - distanceUs) < distanceUs / 4;
+    });
+}
+
+long long MuxTimes::Spacings::medianUs() const
+{
+    std::array<long long, 9> sorted = us;
+    const auto end = sorted.begin() + static_cast<std::ptrdiff_t>(std::min(count, us.size()));
+    std::sort(sorted.begin(), end);
+    return sorted[static_cast<std::size_t>(end - sorted.begin()) / 2];
+}
+
+double MuxTimes::frameTicks() const
+{
+    const double told = av_q2d(m_frame);
+    const bool isBelieved = m_spacings.count == 0 || m_spacings.hasNear(told * 1e6);
+    const double seconds = isBelieved ? told : static_cast<double>(m_spacings.medianUs()) / 1e6;
+    return seconds / av_q2d(m_video.timeBase);
+}
+
 MuxTimes::Stamp MuxTimes::video(const unsigned char* data, int size, int64_t pts,
                                 long long timestampUs)
 {
-    const double frameTicks = av_q2d(m_frame) / av_q2d(m_video.timeBase);
+    const double ticks = frameTicks();
     const double offset = m_composition ? m_composition->next(data, size) : 0.0;
     int64_t dts = pts + m_videoShift;
     if (m_video.copied && m_videoPassed.firstUs) {
@@ -118,10 +144,10 @@ MuxTimes::Stamp MuxTimes::video(const unsigned char* data, int size, int64_t pts
               av_rescale_q(timestampUs - *m_videoPassed.firstUs, Microseconds, m_video.timeBase);
     }
     Stamp stamp;
-    stamp.pts = dts + std::llround(offset * frameTicks);
+    stamp.pts = dts + std::llround(offset * ticks);
     stamp.dts = behindLast(m_video, dts);
     stamp.pts = std::max(stamp.pts, stamp.dts);
-    stamp.duration = std::llround(frameTicks);
+    stamp.duration = std::llround(ticks);
     return stamp;
 }
 

@@ -3,6 +3,8 @@
 #include "common/ffmpeg/CompositionOffsets.h"
 #include "common/ffmpeg/Handles.h"
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -78,6 +80,20 @@ private:
         bool isNear(long long timestampUs) const;
     };
 
+    /// The last distances between two packets in the order of decoding.
+    struct Spacings
+    {
+        std::array<long long, 9> us{};
+        std::size_t count = 0; ///< noted
+
+        void note(long long distanceUs) { us[count++ % us.size()] = distanceUs; }
+        bool hasNear(double distanceUs) const;
+        long long medianUs() const;
+    };
+
+    /// Of the video stream's time base, from one picture to the next. What the medium says of its
+    /// frame rate may be wrong: it counts unless no two pictures lately were so far apart.
+    double frameTicks() const;
     void beginVideo(long long timestampUs, int64_t pts);
     long long audioZero(long long startUs) const;
     int64_t copiedAudio(int64_t pts, long long timestampUs);
@@ -93,6 +109,7 @@ private:
 
     // Since begin().
     Passed m_videoPassed;
+    Spacings m_spacings; ///< of copied video
     Passed m_audioPassed;
     int64_t m_videoStart = 0;     ///< output time of the first packet, of the stream's time base
     int64_t m_videoShift = 0;     ///< added to the stage's times, where audio began long before

@@ -168,6 +168,23 @@ TEST(MuxTimes, CopiedVideoIsShownBehindThePicturesThatItWaitsFor)
     }
 }
 
+TEST(MuxTimes, ReorderedPicturesFollowTheDistanceThatTheyHaveWhateverTheMediumSays)
+{
+    MuxTimesOf of;
+    of.withVideo(true, AV_CODEC_ID_MPEG1VIDEO).begun();
+    constexpr int Reference = 2; // a predicted picture
+    // Told to be 25 a second, and in truth 12.5: one picture of delay is 80 ms.
+    of.video(0, mpegPicture(0, 1, true));
+    for (int picture = 1; picture < 5; ++picture) {
+        const auto stamp = of.video(80000LL * picture, mpegPicture(picture, Reference, false));
+        EXPECT_EQ(stamp.dts, 80 * picture);
+        EXPECT_EQ(stamp.pts, 80 * picture + 80);
+    }
+    // One that lies as the medium says is enough to believe it, as where pictures are left out.
+    const auto stamp = of.video(360000, mpegPicture(5, Reference, false));
+    EXPECT_EQ(stamp.pts, 360 + 40);
+}
+
 TEST(MuxTimes, EqualDecodingTimesGoUpByOneTick)
 {
     MuxTimesOf session;
