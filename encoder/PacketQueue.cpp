@@ -194,11 +194,27 @@ void InterleavedPacketQueue::_push(SamplePacket* packet)
         packet->setTimestamp(SamplePacket::NoTimestamp);
     }
     PMutexGuard guard(m_packetMap);
-    unsigned long long key = packet->getTimestamp();
+    unsigned long long key = keyBehindEqualTimes(packet->getTimestamp());
     while (!m_packetMap.items.try_emplace(key, packet).second) {
         ++key;
     }
     m_byteSize += bytesOf(*packet);
+}
+
+/// The time stamp's own key may be free again, when a reader has taken its packet, while others of
+/// the same time still wait behind it. Their keys have no gaps, for only the first is ever taken.
+unsigned long long InterleavedPacketQueue::keyBehindEqualTimes(unsigned long long timestamp) const
+{
+    unsigned long long key = timestamp;
+    auto at = m_packetMap.items.lower_bound(timestamp);
+    const auto end = m_packetMap.items.end();
+    for (unsigned long long next = at != end ? at->first : 0; at != end && at->first == next;
+         ++at, ++next) {
+        if (at->second->getTimestamp() == timestamp) {
+            key = next + 1;
+        }
+    }
+    return key;
 }
 
 SamplePacket* InterleavedPacketQueue::_pop()

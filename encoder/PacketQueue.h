@@ -108,6 +108,9 @@ protected:
     SamplePacket* _pop() override ZEL_REQUIRES(m_readLock);
 
 private:
+    unsigned long long keyBehindEqualTimes(unsigned long long timestamp) const
+        ZEL_REQUIRES(m_packetMap);
+
     /// By time stamp, raised until it is free; one reference each.
     PMapCondMutex<unsigned long long, SamplePacket*> m_packetMap;
 };

@@ -608,6 +608,31 @@ TEST_F(InterleavedPacketQueueTest, EqualTimeStampsKeepTheOrderOfArrivalAndTheirV
     }
 }
 
+TEST_F(InterleavedPacketQueueTest, EqualTimeStampsKeepTheirOrderWhenSomeAreTakenMeanwhile)
+{
+    InterleavedPacketQueue queue(plenty, 0);
+    std::vector<SamplePacket*> arrivals;
+    for (int i = 0; i < 6; ++i) {
+        arrivals.push_back(audio(10));
+    }
+    queue.push(arrivals[0]);
+    queue.push(arrivals[1]);
+    queue.push(audio(11));
+    queue.push(arrivals[2]);
+    EXPECT_EQ(take(queue).get(), arrivals[0]);
+    queue.push(arrivals[3]); // its key would be free again
+    EXPECT_EQ(take(queue).get(), arrivals[1]);
+    queue.push(arrivals[4]);
+    EXPECT_EQ(take(queue)->getTimestamp(), 11U);
+    for (std::size_t number = 2; number < 5; ++number) {
+        EXPECT_EQ(take(queue).get(), arrivals[number]) << number;
+    }
+    queue.push(audio(20));
+    queue.push(arrivals[5]); // nothing of its time waits any more
+    EXPECT_EQ(take(queue).get(), arrivals[5]);
+    queue.flush();
+}
+
 TEST_F(InterleavedPacketQueueTest, RaisedKeyPushesALaterTimeStampBack)
 {
     InterleavedPacketQueue queue(plenty, 0);
