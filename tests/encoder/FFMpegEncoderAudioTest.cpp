@@ -105,10 +105,9 @@ Samples mixedDown(const Samples& samples, int channels)
 
 std::vector<std::string> framesOf(const std::vector<Delivered>& packets)
 {
-    std::vector<std::string> frames;
-    for (const Delivered& packet : packets) {
-        frames.push_back(packet.bytes);
-    }
+    std::vector<std::string> frames(packets.size());
+    std::transform(packets.begin(), packets.end(), frames.begin(),
+                   [](const Delivered& packet) { return packet.bytes; });
     return frames;
 }
 

@@ -180,10 +180,9 @@ std::vector<std::size_t> firstNumbers(std::size_t count)
 
 std::vector<unsigned long long> timestampsOf(const std::vector<Delivered>& packets)
 {
-    std::vector<unsigned long long> timestamps;
-    for (const Delivered& packet : packets) {
-        timestamps.push_back(packet.timestampUs);
-    }
+    std::vector<unsigned long long> timestamps(packets.size());
+    std::transform(packets.begin(), packets.end(), timestamps.begin(),
+                   [](const Delivered& packet) { return packet.timestampUs; });
     return timestamps;
 }
 

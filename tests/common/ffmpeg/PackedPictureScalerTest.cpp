@@ -118,10 +118,12 @@ bool isLastChromaLeftOut(const Shape& from, const Shape& to)
 void drawLastChroma(const Shape& from, std::span<const unsigned char> picture, bool bottomUp,
                     std::string& planes)
 {
-    const std::size_t pairs = static_cast<std::size_t>((from.width + 1) / 2);
+    const int halfWidth = (from.width + 1) / 2;
+    const int halfHeight = (from.height + 1) / 2;
+    const auto pairs = static_cast<std::size_t>(halfWidth);
     const std::size_t lumaSize =
         static_cast<std::size_t>(from.width) * static_cast<std::size_t>(from.height);
-    const std::size_t chromaSize = pairs * static_cast<std::size_t>((from.height + 1) / 2);
+    const std::size_t chromaSize = pairs * static_cast<std::size_t>(halfHeight);
     const auto lastRow = bottomUp ? picture.first(pairs * 4) : picture.last(pairs * 4);
     for (std::size_t i = 0; i < pairs; ++i) {
         planes[lumaSize + chromaSize - pairs + i] = static_cast<char>(lastRow[4 * i + 1]);
