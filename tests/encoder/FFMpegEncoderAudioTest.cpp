@@ -207,7 +207,7 @@ TEST(FFMpegEncoderAudio, MixedSamplesAreLimited)
         for (const int channels : {5, 6}) {
             OutputSession session = plainSession(channels);
             const Samples samples(static_cast<std::size_t>(channels * ChunkSamples), extreme);
-            EXPECT_EQ(taken(session, bytesOf(samples)), Samples(2 * ChunkSamples, extreme));
+            EXPECT_EQ(taken(session, bytesOf(samples)), Samples(2UL * ChunkSamples, extreme));
         }
     }
 }

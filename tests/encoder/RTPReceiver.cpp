@@ -3,7 +3,6 @@
 #include "common/ffmpeg/Handles.h"
 
 #include <algorithm>
-#include <cstring>
 #include <stdexcept>
 
 namespace av = zel::av;
@@ -68,7 +67,7 @@ private:
         if (bytes.size() > static_cast<std::size_t>(size)) {
             return AVERROR(EMSGSIZE);
         }
-        std::memcpy(buffer, bytes.data(), bytes.size());
+        std::copy(bytes.begin(), bytes.end(), buffer);
         return static_cast<int>(bytes.size());
     }
 
