@@ -169,9 +169,33 @@ int BasicMuxer::beginContainer()
         return result;
     }
     m_headerWritten = true;
+    makeSetUpFilter();
     m_times.begin(timeBaseOf(AVMEDIA_TYPE_VIDEO), timeBaseOf(AVMEDIA_TYPE_AUDIO));
     avio_flush(m_outputContext->pb);
     return 0;
+}
+
+void BasicMuxer::makeSetUpFilter()
+{
+    m_setUpFilter.reset();
+    if (m_videoStreamIndex < 0 || !m_profile->videoPassthrough() ||
+        (m_outputContext->oformat->flags & AVFMT_GLOBALHEADER) != 0) {
+        return;
+    }
+    // Others carry it in their pictures, or libavformat sees to it.
+    const AVStream& stream = *m_outputContext->streams[m_videoStreamIndex];
+    if (stream.codecpar->codec_id != AV_CODEC_ID_MPEG4 || stream.codecpar->extradata_size <= 0) {
+        return;
+    }
+    AVBSFContext* filter = nullptr;
+    if (av_bsf_alloc(av_bsf_get_by_name("dump_extra"), &filter) < 0) {
+        return;
+    }
+    m_setUpFilter.reset(filter);
+    filter->time_base_in = stream.time_base;
+    if (avcodec_parameters_copy(filter->par_in, stream.codecpar) < 0 || av_bsf_init(filter) < 0) {
+        m_setUpFilter.reset();
+    }
 }
 
 AVRational BasicMuxer::timeBaseOf(AVMediaType type)
@@ -487,6 +511,10 @@ int BasicMuxer::writeFrame(MuxerPacket& packet, int stream, const MuxTimes::Stam
         if (sideData != nullptr) {
             std::copy_n(codec.extradata, codec.extradata_size, sideData);
         }
+    }
+    if (isVideo && m_setUpFilter && av_bsf_send_packet(m_setUpFilter.get(), m_packet.get()) == 0) {
+        // One in, one out.
+        av_bsf_receive_packet(m_setUpFilter.get(), m_packet.get());
     }
     const int result = av_interleaved_write_frame(m_outputContext.get(), m_packet.get());
     if (m_isDrained) {

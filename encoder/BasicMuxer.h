@@ -144,6 +144,8 @@ private:
     void checkForKeyFrame(const MuxerPacket* packet);
     int _writeAudioPacket(MuxerPacket& packet);
     int _writeVideoPacket(MuxerPacket& packet);
+    /// Makes m_setUpFilter where copied video needs it in this container.
+    void makeSetUpFilter() ZEL_REQUIRES(m_contextLock);
     int writeFrame(MuxerPacket& packet, int stream, const MuxTimes::Stamp& stamp, bool keyFrame)
         ZEL_REQUIRES(m_contextLock);
 
@@ -154,6 +156,9 @@ private:
     std::vector<StreamParameters> m_streams;
     MuxTimes m_times;
     zel::av::Packet m_packet;
+    /// Puts the set-up data in front of key frames, for a container that has no place of its own
+    /// for it and packets that do not bring it along; else null.
+    zel::av::BitstreamFilter m_setUpFilter ZEL_GUARDED_BY(m_contextLock);
     bool m_newExtradata = false; ///< the next video packet carries it
     bool m_isDrained = false;    ///< the next frame's bytes come first
 };

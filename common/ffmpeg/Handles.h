@@ -2,6 +2,7 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavcodec/bsf.h>
 #include <libavformat/avformat.h>
 #include <libavutil/fifo.h>
 #include <libavutil/mem.h>
@@ -40,6 +41,11 @@ struct IOContextDeleter
 struct CodecParametersDeleter
 {
     void operator()(AVCodecParameters* parameters) const { avcodec_parameters_free(&parameters); }
+};
+
+struct BitstreamFilterDeleter
+{
+    void operator()(AVBSFContext* filter) const { av_bsf_free(&filter); }
 };
 
 struct FifoDeleter
@@ -86,6 +92,7 @@ using FormatContext = std::unique_ptr<AVFormatContext, FormatContextDeleter>;
 using OutputContext = std::unique_ptr<AVFormatContext, OutputContextDeleter>;
 using IOContext = std::unique_ptr<AVIOContext, IOContextDeleter>;
 using CodecParameters = std::unique_ptr<AVCodecParameters, CodecParametersDeleter>;
+using BitstreamFilter = std::unique_ptr<AVBSFContext, BitstreamFilterDeleter>;
 using Fifo = std::unique_ptr<AVFifo, FifoDeleter>;
 using CodecContext = std::unique_ptr<AVCodecContext, CodecContextDeleter>;
 using Packet = std::unique_ptr<AVPacket, PacketDeleter>;

@@ -84,6 +84,15 @@ PlayedStream describe(const AVFormatContext& context, int index)
     return stream;
 }
 
+/// From the group's or the picture's own header on; what sets the decoder up may stand in front.
+std::string mpeg4Payload(const std::string& bytes)
+{
+    const std::size_t group = bytes.find(std::string("\0\0\1\xB3", 4));
+    const std::size_t picture = bytes.find(std::string("\0\0\1\xB6", 4));
+    const std::size_t begin = std::min(group, picture);
+    return begin == std::string::npos ? bytes : bytes.substr(begin);
+}
+
 } // namespace
 
 double PlayedStream::startMs() const
@@ -106,6 +115,9 @@ std::string payloadOf(const std::string& codec, const std::string& bytes, const 
 {
     if (codec == "h264") {
         return h264Payload(bytes, setUp);
+    }
+    if (codec == "mpeg4") {
+        return mpeg4Payload(bytes);
     }
     return codec == "aac" ? aacPayload(bytes) : bytes;
 }
