@@ -76,7 +76,8 @@ void settleRate(const FFMpegStreamingProfile& profile, const OutputStreamDescrip
                 bool fallback, VideoEncoderSettings& settings)
 {
     const VideoPacketDescription& video = *output.getVideo();
-    double kiloBits = video.getBitrate() / 1000;
+    const int wholeKiloBits = video.getBitrate() / 1000;
+    double kiloBits = wholeKiloBits;
     if (output.isRTP()) {
         kiloBits *= 0.9;
     }
