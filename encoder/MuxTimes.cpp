@@ -18,6 +18,20 @@ constexpr double GapUs = 30000.0;
 /// Samples that come so much earlier than they are due belong to a clock that was set back.
 constexpr double OverlapUs = 1000000.0;
 
+/// Beyond these lie no times of a medium, and sums of them would overflow.
+constexpr long long MostUs = 1LL << 59;
+constexpr int64_t MostTicks = 1LL << 50;
+
+long long boundedUs(long long timeUs)
+{
+    return std::clamp(timeUs, -MostUs, MostUs);
+}
+
+int64_t boundedTicks(int64_t ticks)
+{
+    return std::clamp(ticks, -MostTicks, MostTicks);
+}
+
 /// The stage hands an encoder at most this much of a frame.
 constexpr int MaxFrameBytes = 131072;
 
@@ -75,8 +89,9 @@ bool MuxTimes::Passed::isNear(long long timestampUs) const
 
 void MuxTimes::noteVideo(long long timestampUs, int64_t pts, int64_t firstPts)
 {
+    timestampUs = boundedUs(timestampUs);
     if (!m_videoPassed.firstUs) {
-        beginVideo(timestampUs, pts - firstPts);
+        beginVideo(timestampUs, boundedTicks(pts) - boundedTicks(firstPts));
     } else if (m_video.copied && timestampUs > m_videoPassed.lastUs) {
         m_spacings.note(timestampUs - m_videoPassed.lastUs);
     }
@@ -97,6 +112,7 @@ void MuxTimes::beginVideo(long long timestampUs, int64_t pts)
 
 void MuxTimes::noteSamples(long long timestampUs, double durationUs)
 {
+    timestampUs = boundedUs(timestampUs);
     if (!m_firstSamplesUs) {
         m_firstSamplesUs = timestampUs;
         m_nextSamplesUs = static_cast<double>(timestampUs);
@@ -104,7 +120,8 @@ void MuxTimes::noteSamples(long long timestampUs, double durationUs)
     const double aheadUs = static_cast<double>(timestampUs) - m_nextSamplesUs;
     if (aheadUs > GapUs || aheadUs < -OverlapUs) {
         // Beside video, what follows would come too early for the rest of the stream.
-        m_missingUs += m_video.present && aheadUs > 0.0 ? std::llround(aheadUs) : 0;
+        const double missingUs = m_video.present && aheadUs > 0.0 ? aheadUs : 0.0;
+        m_missingUs = boundedUs(m_missingUs + std::llround(missingUs));
         m_nextSamplesUs = static_cast<double>(timestampUs);
     }
     m_nextSamplesUs += durationUs;
@@ -138,10 +155,10 @@ MuxTimes::Stamp MuxTimes::video(const unsigned char* data, int size, int64_t pts
 {
     const double ticks = frameTicks();
     const double offset = m_composition ? m_composition->next(data, size) : 0.0;
-    int64_t dts = pts + m_videoShift;
+    int64_t dts = boundedTicks(pts) + m_videoShift;
     if (m_video.copied && m_videoPassed.firstUs) {
-        dts = m_videoStart +
-              av_rescale_q(timestampUs - *m_videoPassed.firstUs, Microseconds, m_video.timeBase);
+        dts = m_videoStart + av_rescale_q(boundedUs(timestampUs) - *m_videoPassed.firstUs,
+                                          Microseconds, m_video.timeBase);
     }
     Stamp stamp;
     stamp.pts = dts + std::llround(offset * ticks);
@@ -153,6 +170,8 @@ MuxTimes::Stamp MuxTimes::video(const unsigned char* data, int size, int64_t pts
 
 MuxTimes::Stamp MuxTimes::audio(int size, int64_t pts, long long timestampUs)
 {
+    pts = boundedTicks(pts);
+    timestampUs = boundedUs(timestampUs);
     const AVRational sample{1, std::max(m_audioParameters->sample_rate, 1)};
     const int64_t samples = packetSamples(size);
     Stamp stamp;

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -539,4 +541,29 @@ TEST(MuxTimes, BeginForgetsTheFirstSamplesAndTheRunningClock)
     session.begun();
     session.times().noteSamples(60 * SecondUs, 24000.0);
     EXPECT_EQ(session.encodedAudio(60 * SecondUs + 24000, 60024).dts, 60000);
+}
+
+TEST(MuxTimes, TimesAtTheEdgeOfTheirRangeStillGrow)
+{
+    constexpr long long Most = std::numeric_limits<long long>::max();
+    constexpr long long Least = std::numeric_limits<long long>::min();
+    const long long times[] = {Least, Most, Least, 0, Most, Most, Least};
+    for (const bool copied : {true, false}) {
+        MuxTimesOf session;
+        session.withVideo(copied).withAudio(copied).begun(Ticks90k);
+        MuxTimes& all = session.times();
+        std::optional<int64_t> lastVideo;
+        std::optional<int64_t> lastAudio;
+        for (const long long time : times) {
+            all.noteVideo(time, time, times[1]);
+            const MuxTimes::Stamp video = all.video(nullptr, 0, time, time);
+            EXPECT_GE(video.pts, video.dts);
+            EXPECT_TRUE(!lastVideo || video.dts > *lastVideo);
+            lastVideo = video.dts;
+            all.noteSamples(time, 24000.0);
+            const MuxTimes::Stamp audio = all.audio(100, time, time);
+            EXPECT_TRUE(!lastAudio || audio.dts > *lastAudio);
+            lastAudio = audio.dts;
+        }
+    }
 }
