@@ -24,6 +24,8 @@ constexpr int IOBufferBytes = 65536;
 constexpr unsigned int MonitorIntervalMs = 10000;
 constexpr int MaxHeldVideoPackets = 50;
 constexpr int MaxHeldAudioPackets = 200;
+/// More than ever wait in libavformat.
+constexpr int MaxWaitingFrames = 1000;
 /// Key frames are announced at most once in this time.
 constexpr unsigned long long KeyFrameDistanceUs = 1000000;
 constexpr AVRational Milliseconds{1, 1000};
@@ -423,8 +425,13 @@ void BasicMuxer::drainContainer()
 {
     m_isDrained = true;
     if (m_headerWritten) {
-        // The first empties what waits for its turn between the streams, the second the container.
-        av_interleaved_write_frame(m_outputContext.get(), nullptr);
+        // The first empties what waits for its turn between the streams, and gives up at a frame
+        // that cannot be written; the second empties the container.
+        for (int failed = 0; failed < MaxWaitingFrames; ++failed) {
+            if (av_interleaved_write_frame(m_outputContext.get(), nullptr) >= 0) {
+                break;
+            }
+        }
         av_write_frame(m_outputContext.get(), nullptr);
     }
     avio_flush(m_outputContext->pb);

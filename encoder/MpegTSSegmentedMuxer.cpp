@@ -121,6 +121,7 @@ bool MpegTSSegmentedMuxer::openNextTSFile()
     if (!isMultiplexed()) {
         return true;
     }
+    closeFile();
     ++m_segmentIndex;
     m_currentPath = pathOf(m_segmentIndex);
     CBBLog::debug("[MpegTSSegmentedMuxer::openNextTSFile] %s", m_currentPath.c_str());
@@ -128,7 +129,6 @@ bool MpegTSSegmentedMuxer::openNextTSFile()
     if (!m_outputContext) {
         return true;
     }
-    closeFile();
     if (!openCurrentPath()) {
         return false;
     }
@@ -147,8 +147,15 @@ bool MpegTSSegmentedMuxer::openCurrentPath()
 void MpegTSSegmentedMuxer::closeFile()
 {
     const PMutexGuard guard(m_contextLock);
-    if (m_outputContext && m_outputContext->pb != nullptr) {
-        avio_closep(&m_outputContext->pb);
+    if (!m_outputContext || m_outputContext->pb == nullptr) {
+        return;
+    }
+    avio_flush(m_outputContext->pb);
+    const int writeResult = m_outputContext->pb->error;
+    const int closeResult = avio_closep(&m_outputContext->pb);
+    if (writeResult < 0 || closeResult < 0) {
+        CBBLog::warn("[MpegTSSegmentedMuxer::closeFile] %s is not whole: %d", m_currentPath.c_str(),
+                     writeResult < 0 ? writeResult : closeResult);
     }
 }
 
