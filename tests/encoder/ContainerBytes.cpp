@@ -114,6 +114,22 @@ std::vector<TSPacket> tsPackets(const std::string& bytes)
     return packets;
 }
 
+std::string elementaryBytes(const std::vector<TSPacket>& packets, int pid)
+{
+    constexpr std::size_t FixedHeaderBytes = 9;
+    std::string bytes;
+    for (const TSPacket& packet : packets) {
+        if (packet.pid != pid) {
+            continue;
+        }
+        const std::size_t header =
+            packet.beginsUnit ? FixedHeaderBytes + static_cast<unsigned char>(packet.payload.at(8))
+                              : 0;
+        bytes += packet.payload.substr(header);
+    }
+    return bytes;
+}
+
 std::vector<Block> clusterBlocks(const std::string& bytes)
 {
     constexpr uint64_t ClusterId = 0x1F43B675;

@@ -32,6 +32,9 @@ struct TSPacket
 /// @throws std::runtime_error where no packet stands
 std::vector<TSPacket> tsPackets(const std::string& bytes);
 
+/// The bytes of an elementary stream without the headers of its packets.
+std::string elementaryBytes(const std::vector<TSPacket>& packets, int pid);
+
 constexpr int TablePid = 0;
 constexpr int DescriptionPid = 17;
 /// Of libavformat's program map and first stream.

@@ -1,8 +1,10 @@
 #pragma once
 
+#include "plugin/MetadataPacket.h"
 #include "tests/encoder/StageRun.h"
 
 #include <string>
+#include <vector>
 
 namespace zel::test {
 
@@ -56,6 +58,22 @@ inline void writeMadeUp(FFMpegEncoder& stage, unsigned long long startUs, unsign
             stage.write(madeUpAudio(audioUs));
         }
     }
+}
+
+/// The host's request that a file shall begin.
+inline streamer::SamplePacket* cutAt(unsigned long long timestampUs)
+{
+    const streamer::MetadataPacket block("ACTION", "START_NEW_SEGMENT");
+    return samplePacket(streamer::PacketType::Metadata,
+                        std::string(reinterpret_cast<const char*>(block.getBuffer()),
+                                    static_cast<std::size_t>(block.getLength())),
+                        timestampUs);
+}
+
+/// What the stage tells of finished files.
+inline std::vector<Delivered> notices(const std::vector<Delivered>& packets)
+{
+    return deliveredOf(packets, streamer::PacketType::Notice);
 }
 
 } // namespace zel::test
