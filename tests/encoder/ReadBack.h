@@ -37,8 +37,8 @@ struct PlayedMedium
 PlayedMedium readBack(const std::string& path);
 
 /// A packet's bytes in a form that all containers share: H.264 as its units without set-up data and
-/// delimiters, each behind its length; MPEG-4 without set-up data; AAC without ADTS header; all else
-/// as it is.
+/// delimiters, each behind its length; MPEG-4 without set-up data; AAC without ADTS header; all
+/// else as it is.
 /// @param setUp  the stream's set-up data, which tells the form
 std::string payloadOf(const std::string& codec, const std::string& bytes, const std::string& setUp);
 
