@@ -7,6 +7,8 @@ namespace zel::host {
 
 CutPlanner::CutPlanner(unsigned long long clipMs, double inputRate, double outputRate)
     : m_clipUs(clipMs * 1000), m_encodes(true), m_outputRate(outputRate),
+      m_earlyUs(static_cast<unsigned long long>(
+          5e5 / std::max({inputRate, outputRate, 1.0}))), // half of the shorter frame
       m_sameRate(std::trunc(inputRate * 1000) == std::trunc(outputRate * 1000)),
       m_gop(static_cast<unsigned long long>(std::max(1.0, std::ceil(outputRate))))
 {
@@ -18,8 +20,7 @@ std::optional<unsigned long long> CutPlanner::plan(unsigned long long timestampU
     unsigned long long frameUs = durationUs;
     if (m_encodes) {
         frameUs = static_cast<unsigned long long>(1e6 / std::max(m_outputRate, 1.0));
-        const bool isForced = m_count++ % m_gop == 0;
-        keyFrame = isKept(timestampUs) && isForced;
+        keyFrame = isKeyFrame(timestampUs);
     }
     if (!m_segmentUs) {
         m_segmentUs = timestampUs;
@@ -29,7 +30,7 @@ std::optional<unsigned long long> CutPlanner::plan(unsigned long long timestampU
         return std::nullopt;
     }
     m_segmentUs = timestampUs;
-    return m_encodes ? timestampUs - std::min(timestampUs, frameUs / 2) : timestampUs;
+    return timestampUs - std::min(timestampUs, m_earlyUs);
 }
 
 void CutPlanner::restart()
@@ -38,15 +39,38 @@ void CutPlanner::restart()
     m_segmentUs.reset();
 }
 
+/// Whether the stage makes a key frame of this picture.
+bool CutPlanner::isKeyFrame(unsigned long long timestampUs)
+{
+    constexpr unsigned long long ForcedBehindSeek = 11;
+    if (!m_firstUs) {
+        m_firstUs = timestampUs;
+        m_lastNumber = -1;
+        m_countAtSeek = m_count;
+        m_sinceKey = m_gop;
+    }
+    const bool isForced = m_count % m_gop == 0 || m_count - m_countAtSeek < ForcedBehindSeek;
+    ++m_count;
+    if (!isKept(timestampUs)) {
+        return false;
+    }
+    const bool isKey = isForced || m_sinceKey >= m_gop;
+    m_sinceKey = isKey ? 1 : m_sinceKey + 1;
+    return isKey;
+}
+
 /// False for a picture that falls on the same frame of the output as the one before it.
 bool CutPlanner::isKept(unsigned long long timestampUs)
 {
-    if (!m_firstUs) {
-        m_firstUs = timestampUs;
-    }
     const double sinceUs = static_cast<double>(timestampUs) - static_cast<double>(*m_firstUs);
-    const long long number = std::llround(sinceUs * m_outputRate / 1e6);
-    const bool isLeftOut = !m_sameRate && number == m_lastNumber && number > 0;
+    // The stage's own arithmetic, so that halves are rounded alike.
+    long long number = std::llround(sinceUs / (1.0 / m_outputRate) / 1e6);
+    const bool isAgain = number == m_lastNumber;
+    // At the same rate the stage moves it one frame on; but the start of the stream stays.
+    if (isAgain && m_sameRate && number > 0) {
+        ++number;
+    }
+    const bool isLeftOut = number <= m_lastNumber; // an encoder goes no steps back
     m_lastNumber = number;
     return !isLeftOut;
 }

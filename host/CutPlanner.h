@@ -8,9 +8,10 @@ namespace zel::host {
 /// alone: it begins with a key frame.
 ///
 /// A copied packet says whether it is one. Of a raw picture that is still to be encoded nobody can
-/// say; but the encoder stage forces every nth picture that it gets to be a key frame, n being the
-/// frame rate rounded up, and this class counts along. When the stage lowers the frame rate it
-/// leaves pictures out, maybe a forced one; those are no cuts. Writing thread.
+/// say, so this class counts along with the encoder stage: key frames are the first pictures behind
+/// a start or seek, every nth picture that the stage gets, n being the frame rate rounded up, and
+/// those that the encoder makes by itself n pictures behind the last one. When the stage lowers the
+/// frame rate it leaves pictures out, maybe one that was to be a key frame. Writing thread.
 class CutPlanner
 {
 public:
@@ -31,15 +32,19 @@ public:
 
 private:
     bool isKept(unsigned long long timestampUs);
+    bool isKeyFrame(unsigned long long timestampUs);
 
     unsigned long long m_clipUs;
     bool m_encodes = false;
     double m_outputRate = 0;
+    unsigned long long m_earlyUs = 0; ///< how much before a picture its cut is asked for
     bool m_sameRate = false;
-    unsigned long long m_gop = 1;   ///< pictures from one forced key frame to the next
+    unsigned long long m_gop = 1;   ///< most pictures from one key frame to the next
     unsigned long long m_count = 0; ///< pictures written
-    std::optional<unsigned long long> m_firstUs;
-    long long m_lastNumber = 0; ///< of the picture before, in frames of the output
+    unsigned long long m_countAtSeek = 0;
+    unsigned long long m_sinceKey = 0; ///< pictures encoded since the last key frame, with it
+    std::optional<unsigned long long> m_firstUs; ///< behind the start or seek
+    long long m_lastNumber = 0;                  ///< of the picture before, in frames of the output
     std::optional<unsigned long long> m_segmentUs; ///< where the open segment began
 };
 

@@ -123,8 +123,8 @@ void segment(const SegmentOptions& given, Console& console, StopSignal& stop)
     if (!run.feed().failure().empty() && !stop.isRequested()) {
         throw HostError(options.medium + ": " + run.feed().failure());
     }
-    if (folder.list().segments().empty() && !stop.isRequested()) {
-        throw HostError(options.medium + ": nothing came out of the encoder stage");
+    if (!stop.isRequested()) {
+        checkOutput(session, run.feed(), options, folder.bytes());
     }
 }
 

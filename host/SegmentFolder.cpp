@@ -16,6 +16,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr unsigned long long TransportPacketBytes = 188;
+
 HostError error(const std::string& name, const std::error_code& reason)
 {
     return HostError(name + ": " + reason.message());
@@ -97,6 +99,10 @@ void SegmentFolder::take(const Frame& frame)
     segment.bytes = fs::file_size(to, failure);
     if (failure) {
         throw error(to, failure);
+    }
+    // The stage announces a file that it could not write to the end like any other.
+    if (segment.bytes == 0 || segment.bytes % TransportPacketBytes != 0) {
+        throw HostError(to + ": not whole, the disk may be full");
     }
     m_list.add(segment);
     if (!m_isWhole) {

@@ -58,8 +58,8 @@ void transcode(const TranscodeCommandOptions& options, Console& console, StopSig
     if (!run.feed().failure().empty() && !stop.isRequested()) {
         throw HostError(options.medium + ": " + run.feed().failure());
     }
-    if (sink.bytes() == 0 && !stop.isRequested()) {
-        throw HostError(options.medium + ": nothing came out of the encoder stage");
+    if (!stop.isRequested()) {
+        checkOutput(session, run.feed(), options, sink.bytes());
     }
 }
 

@@ -108,14 +108,24 @@ void TranscodeSession::settle()
         if (m_stop.isRequested()) {
             fail("Interrupted");
         }
-        const bool isPassed = m_options.request.format == "bdlive" &&
-                              refusal->result == Result::NotPossible && m_plan.video.isCopied() &&
-                              m_plan.audio.isCopied();
-        if (isPassed ||
-            !retreat(m_plan, m_options.request, m_source, refusal->video && m_plan.video.isWanted(),
-                     refusal->audio && m_plan.audio.isWanted())) {
+        if (!changePlan(*refusal)) {
             failFor(*refusal);
         }
+    }
+}
+
+/// @return false when no other plan is left
+bool TranscodeSession::changePlan(const Refusal& refusal)
+{
+    const bool isAllCopied = m_plan.video.isCopied() && m_plan.audio.isCopied();
+    const bool isPassedOn = m_options.request.format == "bdlive" && isAllCopied;
+    if (refusal.result == Result::Failed || isPassedOn) {
+        return false;
+    }
+    try {
+        return retreat(m_plan, m_options.request, m_source, refusal.video, refusal.audio);
+    } catch (const HostError&) {
+        return false; // nobody knows what to encode it to
     }
 }
 
@@ -203,6 +213,9 @@ void TranscodeSession::describeStreams()
         audio.codec = m_plan.audio.codec;
         audio.bitrate = m_plan.audio.bitrate;
         if (m_plan.audio.isCopied()) {
+            // The library tells it in the video record. Windows Media cannot be decoded without it.
+            const int told = m_source.video.getBitrate();
+            audio.bitrate = told > 0 ? told : m_plan.audio.bitrate;
             audio.channels = stream.audio.getChannels();
             audio.sampleRate = stream.audio.getSampleRate();
         } else {
@@ -234,7 +247,7 @@ void TranscodeSession::failFor(const Refusal& refusal) const
     if (m_plan.video.isEncoded() && isH264(m_plan.video)) {
         fail("H.264 can only be copied, and the video is " + m_plan.video.source);
     }
-    if (refusal.result == Result::NotPossible && m_plan.video.isCopied() &&
+    if (m_options.request.format == "bdlive" && m_plan.video.isCopied() &&
         m_plan.audio.isCopied()) {
         fail("both streams are passed on as they are, there is nothing to write");
     }

@@ -67,6 +67,7 @@ private:
     void readAhead();
     void settle();
     std::optional<Refusal> tryStage();
+    bool changePlan(const Refusal& refusal);
     void describeStreams();
     [[noreturn]] void fail(const std::string& reason) const;
     [[noreturn]] void failFor(const Refusal& refusal) const;

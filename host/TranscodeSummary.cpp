@@ -1,5 +1,6 @@
 #include "host/TranscodeSummary.h"
 
+#include "host/HostError.h"
 #include "host/Times.h"
 
 #include <nlohmann/json.hpp>
@@ -141,6 +142,22 @@ Json summaryJson(const TranscodeSession& session, const StageFeed& feed,
     json["bitrate"] = rate ? Json(std::llround(*rate)) : Json(nullptr);
     json["seconds"] = outcome.seconds;
     return json;
+}
+
+void checkOutput(const TranscodeSession& session, const StageFeed& feed,
+                 const TranscodeOptions& options, unsigned long long bytes)
+{
+    const unsigned long long copied = (session.plan().video.isCopied() ? feed.video().bytes : 0) +
+                                      (session.plan().audio.isCopied() ? feed.audio().bytes : 0);
+    // Headers of the medium's own container may go, and what the stage holds at a seek.
+    const bool isLess = options.seeks.empty() && bytes < copied - copied / 4;
+    if (bytes == 0) {
+        throw HostError(options.medium + ": nothing came out of the encoder stage");
+    }
+    if (isLess) {
+        throw HostError(options.medium + ": only " + formatCount(bytes) + " bytes of " +
+                        formatCount(copied) + " came out; see the library's log");
+    }
 }
 
 void printNotes(const TranscodeSession& session, const std::string& medium)

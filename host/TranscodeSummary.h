@@ -26,6 +26,13 @@ TextTable summaryTable(const TranscodeSession& session, const StageFeed& feed,
 nlohmann::ordered_json summaryJson(const TranscodeSession& session, const StageFeed& feed,
                                    const TranscodeOutcome& outcome);
 
+/// A muxer may refuse packets one by one, and a disk may be full, of which only the library's log
+/// would tell.
+/// @param bytes  that came out
+/// @throws HostError when there are none, or clearly less than were copied
+void checkOutput(const TranscodeSession& session, const StageFeed& feed,
+                 const TranscodeOptions& options, unsigned long long bytes);
+
 /// Tells on standard error what differs from what was asked for.
 void printNotes(const TranscodeSession& session, const std::string& medium);
 

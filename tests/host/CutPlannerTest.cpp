@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <vector>
 
 namespace zel::host {
@@ -29,6 +30,17 @@ Times cutsOf(CutPlanner& planner, unsigned long long first, unsigned long long c
         }
     }
     return cuts;
+}
+
+/// The frames that begin segments; the cuts are asked for half a frame early.
+Times framesOf(const Times& cuts, double rate)
+{
+    Times frames;
+    for (const auto cut : cuts) {
+        frames.push_back(static_cast<unsigned long long>(
+            std::ceil(static_cast<double>(cut) * rate / 1e6 - 1e-3)));
+    }
+    return frames;
 }
 
 } // namespace
@@ -86,14 +98,28 @@ TEST(HostCutPlanner, ABrokenRateIsRoundedUpToTheDistanceOfKeyFrames)
 
 TEST(HostCutPlanner, AForcedKeyFrameThatTheStageLeavesOutIsNoCut)
 {
-    // 30 become 24 a second. Pictures 0, 24, 48, 72 and so on are forced, but number 48 falls on
-    // 38.4 where 47 fell on 37.6, so the stage leaves it out.
+    // 30 become 24 a second. Pictures 0, 24, 48 and so on are forced, but number 48 falls on 38.4
+    // where 47 fell on 37.6, so the stage leaves it out. The encoder counts what it gets: after 24
+    // pictures, of which number 24 was the first, comes number 54.
     CutPlanner planner(1000, 30, 24);
-    Times frames;
-    for (const auto cut : cutsOf(planner, 0, 400, 30)) {
-        frames.push_back((cut * 30 + 999999) / 1000000);
-    }
-    EXPECT_EQ(frames, (Times{72, 120, 192, 240, 312, 360}));
+    EXPECT_EQ(framesOf(cutsOf(planner, 0, 130, 30), 30), (Times{54, 96}));
+}
+
+TEST(HostCutPlanner, TheEncodersOwnKeyFramesServeWhereNoForcedOneIsLeft)
+{
+    // 25 become 10 a second, and every tenth picture is one that is left out: 10 falls on 4.0 where
+    // 9 fell on 3.6. Encoded are 0, 2, 4, 7, 9 and so on; the last forced one behind the start is
+    // number 9, the fifth, and then every tenth of the encoded ones.
+    CutPlanner planner(2000, 25, 10);
+    EXPECT_EQ(framesOf(cutsOf(planner, 0, 160, 25), 25), (Times{59, 109, 159}));
+}
+
+TEST(HostCutPlanner, TwoPicturesAtTheVeryStartAreOneForTheEncoder)
+{
+    // 60 become 15 a second: number 1 falls on 0.25, which is the start again. Were it counted, the
+    // encoder's own key frames would seem to come one picture early.
+    CutPlanner planner(500, 60, 15);
+    EXPECT_EQ(framesOf(cutsOf(planner, 0, 130, 60), 60), (Times{30, 75}));
 }
 
 TEST(HostCutPlanner, AfterASeekAClipBeginsAnew)

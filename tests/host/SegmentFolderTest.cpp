@@ -17,6 +17,16 @@ namespace fs = std::filesystem;
 using test::readFile;
 using test::writeFile;
 
+/// As long as one packet of a transport stream for each letter.
+std::string packets(const std::string& letters)
+{
+    std::string bytes;
+    for (const char letter : letters) {
+        bytes.append(188, letter);
+    }
+    return bytes;
+}
+
 class HostSegmentFolder : public testing::Test
 {
 protected:
@@ -25,7 +35,7 @@ protected:
                   unsigned long long durationUs)
     {
         m_stagePath = m_cache.path(name);
-        writeFile(m_stagePath, name);
+        writeFile(m_stagePath, packets(name));
         folder.take(notice(m_stagePath, startUs, durationUs));
     }
 
@@ -52,8 +62,8 @@ TEST_F(HostSegmentFolder, MovesFilesUnderNamesOfItsOwn)
     SegmentFolder folder(m_own.path(), "stream", 2000, false, "");
     announce(folder, "segment-1-1.ts", 0, 2000000);
     announce(folder, "segment-1-2.ts", 2000000, 1960000);
-    EXPECT_EQ(readFile(m_own.path("stream-00001.ts")), "segment-1-1.ts");
-    EXPECT_EQ(readFile(m_own.path("stream-00002.ts")), "segment-1-2.ts");
+    EXPECT_EQ(readFile(m_own.path("stream-00001.ts")), packets("segment-1-1.ts"));
+    EXPECT_EQ(readFile(m_own.path("stream-00002.ts")), packets("segment-1-2.ts"));
     EXPECT_FALSE(fs::exists(m_cache.path("segment-1-1.ts")));
 }
 
@@ -110,8 +120,8 @@ TEST_F(HostSegmentFolder, KeptStageFilesComeBackAfterTheStageRemovedThem)
     EXPECT_TRUE(fs::exists(m_cache.path("a")));
     fs::remove(m_cache.path("a"));
     folder.restoreStageFiles();
-    EXPECT_EQ(readFile(m_cache.path("a")), "a");
-    EXPECT_EQ(readFile(m_cache.path("b")), "b");
+    EXPECT_EQ(readFile(m_cache.path("a")), packets("a"));
+    EXPECT_EQ(readFile(m_cache.path("b")), packets("b"));
     EXPECT_TRUE(fs::equivalent(m_cache.path("a"), m_own.path("stream-00001.ts")));
 }
 
@@ -126,6 +136,16 @@ TEST_F(HostSegmentFolder, FileThatVanishedIsAnErrorThatNamesIt)
         EXPECT_NE(std::string(error.what()).find("stream-00001.ts: No such file"),
                   std::string::npos)
             << error.what();
+    }
+}
+
+TEST_F(HostSegmentFolder, FileThatEndsInMidPacketIsAnError)
+{
+    SegmentFolder folder(m_own.path(), "stream", 2000, false, "");
+    std::string path = m_cache.path("a");
+    for (const size_t size : {0, 187, 189}) {
+        writeFile(path, std::string(size, 'a'));
+        EXPECT_THROW(folder.take(notice(path, 0, 2000000)), HostError) << size;
     }
 }
 
@@ -159,7 +179,7 @@ TEST_F(HostSegmentFolder, SizesAreThoseOfTheFiles)
     SegmentFolder folder(m_own.path(), "stream", 2000, false, "");
     announce(folder, "four", 0, 2000000);
     announce(folder, "eleven", 2000000, 0);
-    EXPECT_EQ(folder.bytes(), 10U);
+    EXPECT_EQ(folder.bytes(), 10U * 188);
 }
 
 } // namespace zel::host
