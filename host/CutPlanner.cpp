@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace zel::host {
 
@@ -29,7 +30,7 @@ std::optional<unsigned long long> CutPlanner::plan(unsigned long long timestampU
     if (!keyFrame || timestampUs + frameUs / 2 < *m_segmentUs + m_clipUs) {
         return std::nullopt;
     }
-    m_segmentUs = timestampUs;
+    m_segmentBeforeUs = std::exchange(m_segmentUs, timestampUs);
     return timestampUs - std::min(timestampUs, m_earlyUs);
 }
 

@@ -27,6 +27,8 @@ public:
     /// @return the time to ask the new segment for, in microseconds, when this packet begins one
     std::optional<unsigned long long> plan(unsigned long long timestampUs,
                                            unsigned long long durationUs, bool keyFrame);
+    /// Takes the last planned cut back: the segment goes on to the next key frame.
+    void postpone() { m_segmentUs = m_segmentBeforeUs; }
     /// The next packet begins a segment by itself, as the first one does: there was a seek.
     void restart();
 
@@ -46,6 +48,7 @@ private:
     std::optional<unsigned long long> m_firstUs; ///< behind the start or seek
     long long m_lastNumber = 0;                  ///< of the picture before, in frames of the output
     std::optional<unsigned long long> m_segmentUs; ///< where the open segment began
+    std::optional<unsigned long long> m_segmentBeforeUs;
 };
 
 } // namespace zel::host

@@ -69,4 +69,31 @@ private:
     std::atomic<bool> m_broken{false}; ///< set on a thread of the library
 };
 
+/// A frame that is given back to its input at the end, unless somebody takes it over. The input
+/// outlives it.
+class HeldFrame
+{
+public:
+    HeldFrame(Input& input, const Frame& frame) : m_input(input), m_frame(frame) {}
+    ~HeldFrame()
+    {
+        if (m_held) {
+            m_input.release(m_frame);
+        }
+    }
+    HeldFrame(const HeldFrame&) = delete;
+    HeldFrame& operator=(const HeldFrame&) = delete;
+
+    Frame take()
+    {
+        m_held = false;
+        return m_frame;
+    }
+
+private:
+    Input& m_input;
+    Frame m_frame;
+    bool m_held = true;
+};
+
 } // namespace zel::host

@@ -37,16 +37,20 @@ SegmentOptions completed(SegmentOptions options)
     return options;
 }
 
-std::optional<CutPlanner> makeCuts(const SegmentOptions& options, const TranscodeSession& session)
+CutOptions makeCuts(const SegmentOptions& options, const TranscodeSession& session,
+                    const SegmentFolder& folder)
 {
-    if (!session.plan().video.isWanted()) {
-        return std::nullopt; // the stage cuts audio by itself
-    }
+    CutOptions cuts;
+    cuts.clipMs = options.clipMs;
+    cuts.folder = options.folder;
+    cuts.finished = [&folder] { return folder.count(); };
     if (session.plan().video.isCopied()) {
-        return CutPlanner(options.clipMs);
+        cuts.planner = CutPlanner(options.clipMs);
+    } else if (session.plan().video.isEncoded()) {
+        cuts.planner = CutPlanner(options.clipMs, session.written().video.getFrameRate(),
+                                  session.output().video.getFrameRate());
     }
-    return CutPlanner(options.clipMs, session.written().video.getFrameRate(),
-                      session.output().video.getFrameRate());
+    return cuts;
 }
 
 std::string segmentsText(const PlayList& list)
@@ -109,7 +113,7 @@ void segment(const SegmentOptions& given, Console& console, StopSignal& stop)
                          options.clipMs, options.keepsStageFiles, options.medium);
     ProgressBar progress(console, console.canDraw(false),
                          Stretch::lengthUs(options, session.lengthUs()));
-    SessionRun run(session, options, folder, stop, progress, makeCuts(options, session));
+    SessionRun run(session, options, folder, stop, progress, makeCuts(options, session, folder));
     run.run();
     session.closeStage();
     if (options.keepsStageFiles) {

@@ -105,6 +105,7 @@ void SegmentFolder::take(const Frame& frame)
         throw HostError(to + ": not whole, the disk may be full");
     }
     m_list.add(segment);
+    ++m_count;
     if (!m_isWhole) {
         m_list.write(false);
     }

@@ -3,6 +3,7 @@
 #include "host/PlayList.h"
 #include "host/StageSink.h"
 
+#include <atomic>
 #include <string>
 #include <utility>
 #include <vector>
@@ -53,6 +54,8 @@ public:
 
     const PlayList& list() const { return m_list; }
     unsigned long long bytes() const;
+    /// Segments so far. Any thread.
+    size_t count() const { return m_count; }
 
 private:
     void place(const std::string& from, const std::string& file) const;
@@ -62,6 +65,7 @@ private:
     bool m_keepsStageFiles;
     std::string m_medium;
     PlayList m_list;
+    std::atomic<size_t> m_count{0}; ///< in m_list
     bool m_isAfterSeek = false;
     bool m_isWhole = false;                                     ///< the last segment came
     std::vector<std::pair<std::string, std::string>> m_origins; ///< the stage's path, our path

@@ -8,7 +8,7 @@ namespace zel::host {
 
 SessionRun::SessionRun(TranscodeSession& session, const TranscodeOptions& options, StageSink& sink,
                        StopSignal& stop, ProgressBar& progress,
-                       const std::optional<CutPlanner>& cuts)
+                       const std::optional<CutOptions>& cuts)
     : m_session(session), m_options(options), m_sink(sink), m_progress(progress),
       m_reader(session.stage(), sink,
                [&session] {
@@ -28,9 +28,12 @@ void SessionRun::run()
         m_feed.run();
     } catch (...) {
         m_session.stage().stop();
+        m_session.input().plugin().stop();
         m_reader.join();
         throw;
     }
+    // Nothing more is read, so that nobody waits for a medium that may be slow.
+    m_session.input().plugin().stop();
     const bool sawEnd = m_reader.join();
     m_progress.clear();
     m_reader.rethrow();
@@ -38,7 +41,6 @@ void SessionRun::run()
         throw HostError(m_options.medium + ": the encoder stage stopped before the end");
     }
     m_sink.finish(m_feed.endUs());
-    m_session.input().plugin().stop();
     m_seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
 }
 

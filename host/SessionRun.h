@@ -1,6 +1,5 @@
 #pragma once
 
-#include "host/CutPlanner.h"
 #include "host/ProgressBar.h"
 #include "host/StageFeed.h"
 #include "host/StageReader.h"
@@ -19,7 +18,7 @@ class SessionRun
 public:
     /// @param cuts  empty when the output is in one piece; all references outlive this object
     SessionRun(TranscodeSession& session, const TranscodeOptions& options, StageSink& sink,
-               StopSignal& stop, ProgressBar& progress, const std::optional<CutPlanner>& cuts);
+               StopSignal& stop, ProgressBar& progress, const std::optional<CutOptions>& cuts);
 
     /// @throws HostError when the output cannot be kept, or when the stage ends before its time
     void run();

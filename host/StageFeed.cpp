@@ -2,7 +2,6 @@
 
 #include "host/FramePacket.h"
 #include "host/Times.h"
-#include "plugin/MetadataPacket.h"
 #include "plugin/SimpleSamplePacket.h"
 
 #include <algorithm>
@@ -25,12 +24,14 @@ using PacketOwner = std::unique_ptr<FramePacket, ReleasePacket>;
 
 StageFeed::StageFeed(TranscodeSession& session, const TranscodeOptions& options,
                      StageReader& reader, StopSignal& stop, ProgressBar& progress,
-                     const std::optional<CutPlanner>& cuts)
+                     const std::optional<CutOptions>& cuts)
     : m_session(session), m_options(options), m_reader(reader), m_stop(stop), m_progress(progress),
-      m_cuts(cuts), m_stretch(options),
-      m_frames([&session](Frame& frame) { return session.read(frame); },
-               [&session](Frame& frame) { session.input().release(frame); })
+      m_stretch(options), m_frames([&session](Frame& frame) { return session.read(frame); },
+                                   [&session](Frame& frame) { session.input().release(frame); })
 {
+    if (cuts) {
+        m_cutter.emplace(*cuts, session.stage(), reader);
+    }
     m_stretch.setKinds(session.plan().video.isWanted(), session.plan().audio.isWanted());
 }
 
@@ -86,7 +87,9 @@ bool StageFeed::takeMedia(Frame& frame)
         return !m_stretch.isOver(told);
     }
     count(told);
-    cut(told);
+    if (m_cutter) {
+        m_cutter->before(told);
+    }
     m_session.stage().write(packet.release());
     if (told.hasTimestamp()) {
         m_progress.update(static_cast<long long>(told.timestampUs));
@@ -134,21 +137,6 @@ void StageFeed::count(const Frame& frame)
     m_endUs = std::max(m_endUs, frame.timestampUs + frame.durationUs);
 }
 
-/// Asks for a new segment right in front of the packet that is to begin it.
-void StageFeed::cut(const Frame& frame)
-{
-    if (!m_cuts || frame.type != PacketType::Video || !frame.hasTimestamp()) {
-        return;
-    }
-    const auto atUs = m_cuts->plan(frame.timestampUs, frame.durationUs, frame.keyFrame);
-    if (!atUs) {
-        return;
-    }
-    auto* packet = new streamer::MetadataPacket("ACTION", "START_NEW_SEGMENT");
-    packet->setTimestamp(*atUs);
-    m_session.stage().write(packet);
-}
-
 /// A seek that still waits when the medium or the stretch ends is made there.
 bool StageFeed::seekAtEnd()
 {
@@ -179,7 +167,7 @@ bool StageFeed::seekTo(unsigned long long targetMs)
     m_frames.drop();
     // The stage drops what was not read before the new position; nobody waits for it here, so
     // everything is read first.
-    if (!m_reader.passMark()) {
+    if (!m_reader.passMark(StageReader::Mark::Jump)) {
         return false;
     }
     m_session.stage().resetPosition(targetMs);
@@ -194,8 +182,8 @@ void StageFeed::beginStretch(unsigned long long startMs)
     m_video.jump();
     m_audio.jump();
     m_firstUs.reset();
-    if (m_cuts) {
-        m_cuts->restart();
+    if (m_cutter) {
+        m_cutter->restart();
     }
 }
 

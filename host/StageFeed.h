@@ -1,9 +1,9 @@
 #pragma once
 
-#include "host/CutPlanner.h"
 #include "host/PlayStatistics.h"
 #include "host/ProgressBar.h"
 #include "host/ReadAhead.h"
+#include "host/SegmentCutter.h"
 #include "host/StageReader.h"
 #include "host/StopSignal.h"
 #include "host/Stretch.h"
@@ -29,7 +29,7 @@ public:
 
     /// @param cuts  empty when the output is in one piece; all references outlive this object
     StageFeed(TranscodeSession& session, const TranscodeOptions& options, StageReader& reader,
-              StopSignal& stop, ProgressBar& progress, const std::optional<CutPlanner>& cuts);
+              StopSignal& stop, ProgressBar& progress, const std::optional<CutOptions>& cuts);
 
     /// Ends with a packet that ends the stream, also after a signal.
     /// @throws HostError when the audio changes to what cannot be encoded
@@ -53,7 +53,6 @@ private:
     bool isWanted(const Frame& frame);
     void leaveOutVideo();
     void count(const Frame& frame);
-    void cut(const Frame& frame);
     bool seekAtEnd();
     bool seekTo(unsigned long long targetMs);
     void beginStretch(unsigned long long startMs);
@@ -63,7 +62,7 @@ private:
     StageReader& m_reader;
     StopSignal& m_stop;
     ProgressBar& m_progress;
-    std::optional<CutPlanner> m_cuts;
+    std::optional<SegmentCutter> m_cutter;
     Stretch m_stretch;
     ReadAhead m_frames; ///< goes before what it reads from
     KindStatistics m_video;

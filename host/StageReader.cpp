@@ -3,6 +3,7 @@
 #include "plugin/MetadataPacket.h"
 
 #include <chrono>
+#include <string>
 #include <utility>
 
 namespace zel::host {
@@ -11,6 +12,15 @@ namespace {
 
 // A stage hands on a block of metadata that it knows nothing of, in its place among the packets.
 constexpr const char* MarkKey = "zel-host-mark";
+constexpr const char* JumpText = "jump";
+constexpr const char* SyncText = "sync";
+
+/// @return the text of a mark; empty for any other block
+std::string markText(const Frame& frame)
+{
+    const streamer::MetadataPacket packet(reinterpret_cast<const char*>(frame.data), frame.size);
+    return packet.getMetadata(MarkKey).c_str();
+}
 
 /// Gives a frame back on every way out.
 class StageFrameOwner
@@ -38,14 +48,14 @@ void StageReader::start()
     m_thread = std::thread([this] { run(); });
 }
 
-bool StageReader::passMark()
+bool StageReader::passMark(Mark mark)
 {
     unsigned int number = 0;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         number = ++m_marksWritten;
     }
-    m_stage.write(new streamer::MetadataPacket(MarkKey, std::to_string(number).c_str()));
+    m_stage.write(new streamer::MetadataPacket(MarkKey, mark == Mark::Jump ? JumpText : SyncText));
     std::unique_lock<std::mutex> lock(m_mutex);
     m_progress.wait(lock, [&] { return m_ended || m_marksRead == number; });
     return m_marksRead == number;
@@ -107,23 +117,21 @@ bool StageReader::handle(const Frame& frame)
     if (frame.type == streamer::PacketType::None) {
         return false;
     }
-    if (frame.type != streamer::PacketType::Metadata || !isMark(frame)) {
+    const std::string mark =
+        frame.type == streamer::PacketType::Metadata ? markText(frame) : std::string();
+    if (mark.empty()) {
         m_sink.take(frame);
         return true;
     }
-    m_sink.jump();
+    if (mark == JumpText) {
+        m_sink.jump();
+    }
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         ++m_marksRead;
     }
     m_progress.notify_all();
     return true;
-}
-
-bool StageReader::isMark(const Frame& frame)
-{
-    const streamer::MetadataPacket packet(reinterpret_cast<const char*>(frame.data), frame.size);
-    return !packet.getMetadata(MarkKey).empty();
 }
 
 } // namespace zel::host

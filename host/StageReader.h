@@ -19,6 +19,12 @@ namespace zel::host {
 class StageReader
 {
 public:
+    enum class Mark
+    {
+        Jump, ///< what follows comes from behind a seek
+        Sync, ///< nothing changes
+    };
+
     /// @param onFailure  called on the reading thread when the sink fails; makes the writing thread
     ///                   end
     StageReader(Stage& stage, StageSink& sink, std::function<void()> onFailure);
@@ -27,9 +33,9 @@ public:
     StageReader(const StageReader&) = delete;
     StageReader& operator=(const StageReader&) = delete;
 
-    /// Writes a mark before a seek and waits until it was read. Writing thread.
+    /// Writes a mark and waits until it was read. Writing thread.
     /// @return false when reading ended first
-    bool passMark();
+    bool passMark(Mark mark);
     bool hasFailed() const { return m_failed; }
     /// Begins to read. Main thread, like what follows.
     void start();
@@ -44,7 +50,6 @@ private:
     void run();
     bool readFrame(Frame& frame);
     bool handle(const Frame& frame);
-    static bool isMark(const Frame& frame);
 
     Stage& m_stage;
     StageSink& m_sink;

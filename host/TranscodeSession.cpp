@@ -53,14 +53,6 @@ TranscodeSession::TranscodeSession(const Library& library, const TranscodeOption
     settle();
 }
 
-TranscodeSession::~TranscodeSession()
-{
-    m_stage.reset();
-    if (m_ahead) {
-        m_input->release(*m_ahead);
-    }
-}
-
 void TranscodeSession::fail(const std::string& reason) const
 {
     throw HostError(m_options.medium + ": " + reason);
@@ -74,10 +66,7 @@ void TranscodeSession::openFor(bool copiesVideo, bool skipsAudio)
         return;
     }
     m_stage.reset();
-    if (m_ahead) {
-        m_input->release(*m_ahead);
-        m_ahead.reset();
-    }
+    m_ahead.reset();
     m_input.reset();
     m_input = std::make_unique<Input>(m_library, m_stop);
     m_input->setMedium(m_options.medium, m_options.decoderThreads);
@@ -160,7 +149,7 @@ void TranscodeSession::readAhead()
         m_setUp = hexText(frame.data, frame.size);
         m_input->release(frame);
     } else {
-        m_ahead = frame;
+        m_ahead = std::make_unique<HeldFrame>(*m_input, frame);
     }
 }
 
@@ -273,7 +262,7 @@ void TranscodeSession::failFor(const Refusal& refusal) const
 bool TranscodeSession::read(Frame& frame)
 {
     if (m_ahead) {
-        frame = *m_ahead;
+        frame = m_ahead->take();
         m_ahead.reset();
         return true;
     }

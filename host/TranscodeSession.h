@@ -33,7 +33,7 @@ public:
     /// @param options  outlive this object, like the library and the signal
     /// @throws HostError when the medium cannot be opened or the stage takes nothing of it
     TranscodeSession(const Library& library, const TranscodeOptions& options, StopSignal& stop);
-    ~TranscodeSession();
+    ~TranscodeSession() = default;
     TranscodeSession(const TranscodeSession&) = delete;
     TranscodeSession& operator=(const TranscodeSession&) = delete;
 
@@ -84,10 +84,10 @@ private:
     std::unique_ptr<Input> m_input;
     bool m_copiesVideo = false; ///< what m_input was told
     bool m_skipsAudio = false;
-    bool m_hasBegun = false;        ///< m_input was started
-    std::optional<Frame> m_ahead;   ///< read before the stage stood
-    std::string m_setUp;            ///< of copied video, as hexadecimal text
-    std::unique_ptr<Stage> m_stage; ///< goes first: it uses the records and frames of the input
+    bool m_hasBegun = false;            ///< m_input was started
+    std::unique_ptr<HeldFrame> m_ahead; ///< read before the stage stood
+    std::string m_setUp;                ///< of copied video, as hexadecimal text
+    std::unique_ptr<Stage> m_stage;     ///< goes first: it uses the records and frames of the input
 };
 
 } // namespace zel::host

@@ -16,10 +16,11 @@
 ///
 /// Options of the host change what it does:
 ///
-///     refuses=video|audio|both|nothing-but    streams that it does not make, whatever they are
+///     refuses=video|audio|both    streams that it does not make, whatever they are
 ///     refusesCopies=video|audio|both          the same, but copied ones alone
 ///     initAnswers=N, startAnswers=0           results
 ///     stopsAfter=N                            ends by itself, without an end, after N packets
+///     says=N                                  a line when it has taken N packets
 ///     room=N                                  packets that may wait for the reader
 
 namespace {
@@ -213,7 +214,11 @@ private:
                  (packet.isKeyFrame() ? " key " : " ") + std::to_string(packet.getTimestamp()) +
                  " " + std::to_string(size) + "\n");
         }
-        if (++m_taken == number("stopsAfter", 0)) {
+        ++m_taken;
+        if (m_taken == number("says", 0)) {
+            logLine("taken " + std::to_string(m_taken));
+        }
+        if (m_taken == number("stopsAfter", 0)) {
             m_stopped = true;
             m_wake.notify_all();
         }

@@ -275,9 +275,48 @@ class Output(StageTest):
             self.assertEqual(file.read(), 'older')
 
 
+class Segments(StageTest):
+    """The fake stage makes no segment files, whatever it is asked for."""
+
+    def test_options_of_the_stage(self):
+        calls = self.calls('segment', fake('codecs h264 aac', *pictures(2)), 'out',
+                           '--clip-duration', '2s', status=1)
+        options = [call for call in calls if call.startswith('option')]
+        self.assertEqual(options, ['option MpegTSMethod=segmented', 'option clipDuration=2000',
+                                   'option sessionID=1'])
+        self.assertIn('video h264 to h264 500000 4x2 2500/100', calls)
+
+    def test_options_of_a_fallback_stream(self):
+        calls = self.calls('segment', fake('codecs h264 aac', *pictures(2)), 'out', '--fallback',
+                           '48k', '--option', 'sessionID=9', status=1)
+        self.assertIn('option fallbackStream=1', calls)
+        self.assertIn('option lowVideoBitrate=48000', calls)
+        self.assertIn('option sessionID=9', calls)
+        self.assertIn('video raw to mpeg2 48000 4x2 2500/100', calls)
+        self.assertIn('audio raw to mp2 32000 0x0', calls)
+
+    def test_next_cut_waits_until_the_one_before_was_made(self):
+        calls = self.calls('segment', fake('codecs h264 aac', *pictures(100)), 'out',
+                           '--clip-duration', '1s', status=1)
+        self.assertEqual([call for call in calls if call.startswith('action')],
+                         ['action START_NEW_SEGMENT 1000000'])
+
+    def test_segments_that_do_not_come_end_the_session(self):
+        for steps in (('codecs h264 aac', *pictures(300), 'wait'),
+                      ('novideo', *[f'audio {n * 20000} 20000 4' for n in range(500)], 'wait')):
+            done = self.run_host('segment', fake(*steps), 'out', '--clip-duration', '1s', status=1)
+            self.assert_one_line(done.stderr, 'zel-host: out: the encoder stage makes no more')
+
+    def test_missing_last_segment_is_an_error(self):
+        done = self.run_host('segment', fake('codecs h264 aac', *pictures(2)), 'out', status=1)
+        self.assert_one_line(done.stderr, 'zel-host: out: the last segment was not written')
+        self.assertEqual(os.listdir(self.path('out')), [])
+
+
 class Signals(StageTest):
     def test_output_is_finished_and_the_status_tells_the_signal(self):
-        status, output, lines = self.interrupt('transcode', fake(*FILM, 'wait'), 'out.flv')
+        status, output, lines = self.interrupt('transcode', fake(*FILM, 'wait'), 'out.flv',
+                                               '--option', 'says=3', at='taken 3')
         self.assertEqual(status, 130)
         self.assertIn('(interrupted)', output)
         self.assertIn('end', lines)
