@@ -3,6 +3,7 @@
 #include "host/HostError.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -24,6 +25,8 @@ OutputFile::OutputFile(const std::string& path)
     if (m_descriptor < 0) {
         throw systemError(m_name, errno);
     }
+    struct stat status = {};
+    m_inBlocks = fstat(m_descriptor, &status) == 0 && S_ISREG(status.st_mode);
 }
 
 OutputFile::OutputFile(int descriptor, std::string name)
@@ -43,7 +46,7 @@ OutputFile::~OutputFile()
 void OutputFile::write(const void* data, std::size_t size)
 {
     const auto* bytes = static_cast<const char*>(data);
-    if (!m_owned) {
+    if (!m_inBlocks) {
         writeOut(bytes, size);
         return;
     }

@@ -5,8 +5,8 @@
 
 namespace zel::host {
 
-/// A file that is written from start to end. What goes into a file of its own is written in blocks,
-/// a second or so of a stream each; what goes elsewhere, as to a pipe, is written at once. One
+/// A file that is written from start to end. What goes to a disk is written in blocks, a second or
+/// so of a stream each; what goes elsewhere, as to a pipe or a device, is written at once. One
 /// thread at a time.
 class OutputFile
 {
@@ -33,7 +33,8 @@ private:
     std::string m_name;
     int m_descriptor;
     bool m_owned;
-    std::string m_block; ///< not yet written, of a file of its own
+    bool m_inBlocks = false; ///< it is an ordinary file
+    std::string m_block;     ///< not yet written
 };
 
 } // namespace zel::host
