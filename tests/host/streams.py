@@ -37,7 +37,7 @@ def packets(path, kind=None):
 def warnings(path, *options):
     """What ffmpeg has to say about decoding all of a file."""
     done = subprocess.run(['ffmpeg', '-nostdin', '-v', 'warning', *options, '-i', path, '-map', '0',
-                           '-fps_mode', 'passthrough', '-f', 'null', '-'],
+                           '-fps_mode', 'passthrough', '-enc_time_base', '-1', '-f', 'null', '-'],
                           capture_output=True, text=True, check=False)
     lines = [line for line in done.stderr.splitlines() if not USUAL.search(line)]
     return lines if done.returncode == 0 else lines + [f'status {done.returncode}']

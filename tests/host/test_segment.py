@@ -184,8 +184,9 @@ class Fallback(SegmentTest):
 
 class Seeks(SegmentTest):
     def test_list_has_a_discontinuity_and_every_file_still_plays(self):
-        for video, audio in (('copy', 'copy'), ('mpeg4', 'mp3')):
-            with self.subTest(video):
+        for video, audio in (('copy', 'copy'), ('mpeg4', 'mp3'), ('mpeg4', 'copy'),
+                             ('copy', 'mp3')):
+            with self.subTest(video=video, audio=audio):
                 summary = self.segment(clip(FILM), '--clip-duration', '2s', '--seek', '9s@5s',
                                        '--video', video, '--audio', audio)
                 lengths = self.check(summary, 2)
@@ -194,6 +195,9 @@ class Seeks(SegmentTest):
                 self.assertEqual(self.play_list().count('#EXT-X-DISCONTINUITY'), 1)
                 self.assertEqual(summary['segments'][2]['startUs'], 9000000)
                 self.assertAlmostEqual(sum(lengths[2:]), 3, delta=0.1)
+                behind = self.out(summary['segments'][2]['file'])
+                self.assertAlmostEqual(packets(behind, 'audio')[0].pts,
+                                       packets(behind, 'video')[0].pts, delta=0.15)
                 shutil.rmtree(self.out())
 
     def test_seek_back_makes_no_file_vanish(self):
