@@ -227,10 +227,12 @@ TEST(FFMpegEncoderWrite, WhatTheMergeHoldsComesInFrontOfTheEnd)
     }
     EXPECT_TRUE(run.soFar().empty()) << "there is no audio yet to merge it with";
     run.write(samplePacket(PacketType::None, "", 0));
-    for (unsigned int i = 0; i < 10; ++i) {
-        EXPECT_EQ(run.next()->bytes, "picture " + std::to_string(i));
+    unsigned int count = 0;
+    for (auto packet = run.next(); packet && packet->type != PacketType::None;
+         packet = run.next()) {
+        EXPECT_EQ(packet->bytes, "picture " + std::to_string(count++));
     }
-    EXPECT_EQ(run.next()->type, PacketType::None);
+    EXPECT_EQ(count, 10U);
 }
 
 TEST(FFMpegEncoderWrite, TheContainersEndComesInFrontOfTheEnd)
