@@ -145,6 +145,9 @@ class Encodes(TranscodeTest):
         self.check('a.vob', 'mpeg2video', 'mp2', rate=24.0)
         self.check('a.avi', 'mpeg4', 'mp3')
 
+    def test_asf(self):
+        self.check('a.wmv', 'wmv2', 'wmav2')
+
     def test_key_frame_each_second(self):
         path = self.check('a.flv', 'flv1', 'mp3', '--video', 'flv', '--audio', 'mp3')
         keys = [round(p.pts, 2) for p in packets(path, 'video') if p.key]
