@@ -172,7 +172,10 @@ int BasicMuxer::beginContainer()
     }
     m_headerWritten = true;
     makeSetUpFilter();
-    m_times.begin(timeBaseOf(AVMEDIA_TYPE_VIDEO), timeBaseOf(AVMEDIA_TYPE_AUDIO));
+    // Its packets hold frames of both streams, and libavformat aborts when they run backwards.
+    const CStdStr<char> container(m_outputContext->oformat->name);
+    const bool isOrdered = container == "asf" || container == "asf_stream";
+    m_times.begin(timeBaseOf(AVMEDIA_TYPE_VIDEO), timeBaseOf(AVMEDIA_TYPE_AUDIO), isOrdered);
     avio_flush(m_outputContext->pb);
     return 0;
 }
@@ -424,6 +427,7 @@ void BasicMuxer::checkForKeyFrame(const MuxerPacket* packet)
 void BasicMuxer::drainContainer()
 {
     m_isDrained = true;
+    m_times.drained();
     if (m_headerWritten) {
         // The first empties what waits for its turn between the streams, and gives up at a frame
         // that cannot be written; the second empties the container.
@@ -528,6 +532,7 @@ int BasicMuxer::writeFrame(MuxerPacket& packet, int stream, const MuxTimes::Stam
         // Not to be overtaken by what comes behind it with an earlier time, as encoded audio does.
         m_isDrained = false;
         av_interleaved_write_frame(m_outputContext.get(), nullptr);
+        m_times.drained();
     }
     m_monitor.write(static_cast<unsigned long long>(packet.getLength()), packet.getTimestamp(),
                     packet.getType());

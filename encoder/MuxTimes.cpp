@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <limits>
 
 namespace {
 
@@ -32,6 +33,9 @@ int64_t boundedTicks(int64_t ticks)
     return std::clamp(ticks, -MostTicks, MostTicks);
 }
 
+/// So far one stream may run ahead before libavformat stops waiting for the other, and some less.
+constexpr long long MostInterleavedUs = 9000000;
+
 /// The stage hands an encoder at most this much of a frame.
 constexpr int MaxFrameBytes = 131072;
 
@@ -53,7 +57,7 @@ void MuxTimes::addAudio(const AVCodecParameters& parameters, bool copied)
     avcodec_parameters_copy(m_audioParameters.get(), &parameters);
 }
 
-void MuxTimes::begin(AVRational videoTimeBase, AVRational audioTimeBase)
+void MuxTimes::begin(AVRational videoTimeBase, AVRational audioTimeBase, bool isOrdered)
 {
     m_video.timeBase = videoTimeBase;
     m_audio.timeBase = audioTimeBase;
@@ -61,6 +65,9 @@ void MuxTimes::begin(AVRational videoTimeBase, AVRational audioTimeBase)
     m_audio.lastDts.reset();
     m_videoPassed = Passed();
     m_spacings = Spacings();
+    m_latestUs = std::numeric_limits<int32_t>::min();
+    m_floorUs = std::numeric_limits<int32_t>::min();
+    m_isOrdered = isOrdered;
     m_audioPassed = Passed();
     m_videoStart = 0;
     m_videoStartUs = 0;
@@ -239,9 +246,14 @@ int64_t MuxTimes::packetSamples(int size) const
 
 int64_t MuxTimes::behindLast(Stream& stream, int64_t dts)
 {
+    if (m_isOrdered) {
+        const long long floorUs = std::max(m_floorUs, m_latestUs - MostInterleavedUs);
+        dts = std::max(dts, av_rescale_q(floorUs, Microseconds, stream.timeBase));
+    }
     if (stream.lastDts && dts <= *stream.lastDts) {
         dts = *stream.lastDts + 1;
     }
     stream.lastDts = dts;
+    m_latestUs = std::max<long long>(m_latestUs, av_rescale_q(dts, stream.timeBase, Microseconds));
     return dts;
 }

@@ -42,7 +42,9 @@ public:
     void addVideo(const AVCodecParameters& parameters, AVRational frame, bool copied);
     void addAudio(const AVCodecParameters& parameters, bool copied);
     /// A header is out, which settles the time bases: all clocks begin anew.
-    void begin(AVRational videoTimeBase, AVRational audioTimeBase);
+    /// @param isOrdered  the container breaks when a frame lies before one that has left it, of
+    ///                   whatever stream
+    void begin(AVRational videoTimeBase, AVRational audioTimeBase, bool isOrdered = false);
 
     /// A video packet is on its way, maybe behind audio that is written before it.
     /// @param timestampUs  its time in the medium
@@ -53,6 +55,9 @@ public:
     /// carries a later time; where some are missing, it does not tell.
     /// @param durationUs  how long they sound
     void noteSamples(long long timestampUs, double durationUs);
+
+    /// What was stamped so far has left the container.
+    void drained() { m_floorUs = m_latestUs; }
 
     /// @param pts  counted from the first video packet
     Stamp video(const unsigned char* data, int size, int64_t pts, long long timestampUs);
@@ -99,7 +104,7 @@ private:
     int64_t copiedAudio(int64_t pts, long long timestampUs);
     int64_t encodedAudioStart(int64_t pts, long long timestampUs);
     int64_t packetSamples(int size) const;
-    static int64_t behindLast(Stream& stream, int64_t dts);
+    int64_t behindLast(Stream& stream, int64_t dts);
 
     Stream m_video;
     Stream m_audio;
@@ -111,6 +116,9 @@ private:
     Passed m_videoPassed;
     Spacings m_spacings; ///< of copied video
     Passed m_audioPassed;
+    long long m_latestUs = 0; ///< dts of all that was stamped
+    long long m_floorUs = 0;  ///< m_latestUs when the container was drained
+    bool m_isOrdered = false;
     int64_t m_videoStart = 0;     ///< output time of the first packet, of the stream's time base
     int64_t m_videoShift = 0;     ///< added to the stage's times, where audio began long before
     long long m_videoStartUs = 0; ///< m_videoStart in microseconds

@@ -187,6 +187,23 @@ TEST(MuxTimes, ReorderedPicturesFollowTheDistanceThatTheyHaveWhateverTheMediumSa
     EXPECT_EQ(stamp.pts, 360 + 40);
 }
 
+TEST(MuxTimes, OrderedContainerGetsNothingThatLiesBeforeWhatHasLeftIt)
+{
+    MuxTimesOf of;
+    of.withVideo(false).withAudio(true).begun();
+    of.times().begin(Milliseconds, Milliseconds, true);
+    of.video(0);
+    of.video(400000);
+    EXPECT_EQ(of.copiedAudio(100000).dts, 100) << "libavformat sorts what it still holds";
+    of.times().drained();
+    EXPECT_EQ(of.copiedAudio(200000).dts, 400);
+    EXPECT_EQ(of.copiedAudio(300000).dts, 401);
+    EXPECT_EQ(of.copiedAudio(500000).dts, 500);
+    // Nor so far back that libavformat no longer waited for it.
+    of.video(60000000);
+    EXPECT_EQ(of.copiedAudio(600000).dts, 51000);
+}
+
 TEST(MuxTimes, EqualDecodingTimesGoUpByOneTick)
 {
     MuxTimesOf session;
