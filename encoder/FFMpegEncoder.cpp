@@ -184,6 +184,9 @@ void FFMpegEncoder::deleteMuxer()
         m_muxer->close();
         delete m_muxer;
         m_muxer = nullptr;
+        // What the container's end brought may have filled the queue once more, before a writer
+        // that was let go had even looked.
+        m_queueHasRoom.signal(m_queueHasRoomFlag);
     }
 }
 

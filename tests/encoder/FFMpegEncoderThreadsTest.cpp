@@ -160,6 +160,31 @@ TEST_F(FFMpegEncoderBackPressure, StopFreesAWaitingWriter)
     writer.awaitDone(WritesThatReturn + 5);
 }
 
+TEST(FFMpegEncoderFullContainer, StopFreesAWaitingWriterThoughTheContainersEndFillsTheQueueAgain)
+{
+    constexpr int FrameBytes = 60000;
+    constexpr int MostWrites = 40;
+    for (int round = 0; round < 50; ++round) {
+        OutputSession session;
+        session.inputVideo("mpeg4");
+        session.input.stream.video.width = 320;
+        session.input.stream.video.height = 240;
+        session.requestFormat("matroska");
+        session.requestVideo("mpeg4", 500000);
+        session.request.output.multiplexed = true;
+        FFMpegEncoder stage;
+        ASSERT_EQ(stage.init(&session.medium, &session.input, &session.request, &session.options,
+                             nullptr),
+                  0);
+        ASSERT_EQ(stage.start(), 1);
+        const Writer writer(stage, MostWrites, FrameBytes);
+        // A megabyte is full long before the last of them.
+        writer.awaitBegun(17);
+        stage.stop();
+        writer.awaitDone(MostWrites);
+    }
+}
+
 TEST_F(FFMpegEncoderBackPressure, CloseFreesAWaitingWriter)
 {
     const Writer writer(m_stage, WritesThatReturn + 5, PacketBytes);
