@@ -287,6 +287,8 @@ void BasicMuxer::seekPause()
         m_bytes = Bytes::Discard;
         writeTrailer();
         flush();
+        // Of a frame whose bytes nobody gets any more.
+        m_pendingTs = SamplePacket::NoTimestamp;
     }
 }
 
