@@ -26,6 +26,13 @@ std::string hexOf(const std::string& bytes)
     return text;
 }
 
+/// Whether a packet is the one of StageRun::soFar.
+bool isMarker(const Delivered& packet)
+{
+    const MetadataPacket block(packet.bytes.data(), static_cast<unsigned int>(packet.bytes.size()));
+    return packet.type == PacketType::Metadata && block.getMetadata("marker") == "here";
+}
+
 } // namespace
 
 std::string Delivered::action() const
@@ -111,25 +118,58 @@ std::vector<Delivered> StageRun::soFar()
                                 std::string(reinterpret_cast<const char*>(marker.getBuffer()),
                                             static_cast<std::size_t>(marker.getLength())),
                                 0));
-    std::vector<Delivered> packets;
-    for (auto packet = next(); packet; packet = next()) {
-        const MetadataPacket block(packet->bytes.data(),
-                                   static_cast<unsigned int>(packet->bytes.size()));
-        if (packet->type == PacketType::Metadata && block.getMetadata("marker") == "here") {
-            break;
-        }
-        packets.push_back(*packet);
+    if (m_readerKind == Reader::TheTest) {
+        readToMarker();
     }
-    return packets;
+    std::unique_lock guard(m_mutex);
+    if (m_readerKind == Reader::OnItsThread) {
+        m_changed.wait(guard, [this] { return m_isMarkerRead || m_hasReaderEnded; });
+    }
+    m_isMarkerRead = false;
+    return std::exchange(m_delivered, {});
+}
+
+void StageRun::readToMarker()
+{
+    for (auto packet = next(); packet; packet = next()) {
+        if (isMarker(*packet)) {
+            return;
+        }
+        const std::lock_guard guard(m_mutex);
+        m_delivered.push_back(*packet);
+    }
+}
+
+void StageRun::seek(unsigned long long positionMs)
+{
+    ++m_seeks;
+    m_stage->resetPosition(positionMs);
+    ++m_seeks;
+    m_seeks.notify_all();
 }
 
 void StageRun::readAll()
 {
-    while (const auto packet = next()) {
-        if (packet->type == PacketType::None) {
+    for (unsigned int seeks = m_seeks;; seeks = m_seeks) {
+        const auto packet = next();
+        if (!packet && (seeks % 2 != 0 || seeks != m_seeks)) {
+            // The stage lets its readers go while the host seeks.
+            const unsigned int now = m_seeks;
+            if (now % 2 != 0) {
+                m_seeks.wait(now);
+            }
+            continue;
+        }
+        const std::lock_guard guard(m_mutex);
+        m_hasReaderEnded = !packet || packet->type == PacketType::None;
+        m_isMarkerRead = m_isMarkerRead || (packet && isMarker(*packet));
+        m_changed.notify_all();
+        if (m_hasReaderEnded) {
             return;
         }
-        m_delivered.push_back(*packet);
+        if (!isMarker(*packet)) {
+            m_delivered.push_back(*packet);
+        }
     }
 }
 
@@ -141,6 +181,7 @@ std::vector<Delivered> StageRun::finish()
     } else if (m_readerKind == Reader::TheTest && m_startResult != 0) {
         readAll();
     }
+    const std::lock_guard guard(m_mutex);
     return std::exchange(m_delivered, {});
 }
 
@@ -216,7 +257,7 @@ void MediumFeed::describe(OutputSession& session)
     session.request.output.multiplexed = session.request.output.multiplexed.value_or(true);
 }
 
-void MediumFeed::writeTo(FFMpegEncoder& stage)
+void MediumFeed::writeTo(FFMpegEncoder& stage, std::size_t most)
 {
     PacketType::Enum type = PacketType::None;
     unsigned char* data = nullptr;
@@ -225,10 +266,13 @@ void MediumFeed::writeTo(FFMpegEncoder& stage)
     unsigned long long duration = 0;
     void* context = nullptr;
     bool keyFrame = false;
+    std::size_t written = 0;
     if (m_first) {
         stage.write(m_first.release());
+        ++written;
     }
-    while (m_input->readFrame(type, data, size, timestamp, duration, context, keyFrame)) {
+    while (written < most &&
+           m_input->readFrame(type, data, size, timestamp, duration, context, keyFrame)) {
         const bool isMedia = type == PacketType::Audio || type == PacketType::Video;
         if (isMedia && data != nullptr) {
             if (timestamp != SamplePacket::NoTimestamp && timestamp >= m_feed.endMs * 1000) {
@@ -240,6 +284,7 @@ void MediumFeed::writeTo(FFMpegEncoder& stage)
             }
             stage.write(samplePacket(type, std::string(reinterpret_cast<char*>(data), size),
                                      timestamp, duration, keyFrame));
+            ++written;
         }
         m_input->freeFrame(data, context);
     }
@@ -247,6 +292,7 @@ void MediumFeed::writeTo(FFMpegEncoder& stage)
 
 void MediumFeed::seek(unsigned long long positionMs)
 {
+    m_first.reset();
     m_input->setTimePosition(positionMs);
 }
 

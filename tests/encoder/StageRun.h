@@ -3,8 +3,11 @@
 #include "encoder/FFMpegEncoder.h"
 #include "tests/encoder/OutputSession.h"
 
+#include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -70,20 +73,29 @@ public:
     /// Reads one packet on the test's thread, and waits for it.
     /// @return nothing once the stage is stopped
     std::optional<Delivered> next();
-    /// Reads all that the stage has delivered by now; not for RTP, whose packets are put in order.
+    /// All that the stage has delivered by now, since the last call; not for RTP, whose packets are
+    /// put in order.
     std::vector<Delivered> soFar();
+    /// The host's seek. A reader on its thread goes on behind it; calls of the stage itself end it.
+    void seek(unsigned long long positionMs);
     /// Writes the end of the stream and waits until it has come out.
     /// @return all that was delivered, without the packet that says the end
     std::vector<Delivered> finish();
 
 private:
     void readAll();
+    void readToMarker();
 
     std::unique_ptr<FFMpegEncoder> m_stage;
     const Reader m_readerKind;
     int m_initResult;
     int m_startResult = 0;
-    std::vector<Delivered> m_delivered; ///< the reader's until it has ended
+    std::atomic<unsigned int> m_seeks{0}; ///< begun and ended ones, so odd during one
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::vector<Delivered> m_delivered; ///< guarded by m_mutex, as the next two
+    bool m_isMarkerRead = false;
+    bool m_hasReaderEnded = false;
     std::thread m_reader;
 };
 
@@ -111,7 +123,8 @@ public:
     /// medium's unless they are set, and so are channels and sample rate of copied audio.
     void describe(OutputSession& session);
     /// Writes packets up to the end of the medium or of the feed. Can be called again.
-    void writeTo(FFMpegEncoder& stage);
+    /// @param most  packets
+    void writeTo(FFMpegEncoder& stage, std::size_t most = ~std::size_t{0});
     void seek(unsigned long long positionMs);
 
 private:
