@@ -100,7 +100,7 @@ protected:
         if (m_packets.empty()) {
             return "";
         }
-        const std::string path = m_folder.path("output." + format);
+        std::string path = m_folder.path("output." + format);
         writeFile(path, containerBytes(m_packets));
         return path;
     }

@@ -81,6 +81,7 @@ void writeRaw(FFMpegEncoder& stage, unsigned long long startUs)
     constexpr int SamplesAPicture = 1764;
     static const std::vector<std::string> moving = [] {
         std::vector<std::string> made;
+        made.reserve(25);
         for (int n = 0; n < 25; ++n) {
             made.push_back(movingPicture(64, 48, n));
         }
@@ -126,7 +127,8 @@ void expectFlv(const std::vector<Delivered>& packets, unsigned long long startUs
         std::find_if(tags.begin(), tags.end(), [](const FlvTag& tag) { return tag.type == 9; });
     ASSERT_NE(video, tags.end());
     EXPECT_TRUE(video->isKey);
-    EXPECT_NEAR(static_cast<double>(video->timestampMs), static_cast<double>(startUs / 1000), 21.0);
+    EXPECT_NEAR(static_cast<double>(video->timestampMs), static_cast<double>(startUs) / 1000.0,
+                21.0);
     const auto audio =
         std::find_if(tags.begin(), tags.end(), [](const FlvTag& tag) { return tag.type == 8; });
     ASSERT_NE(audio, tags.end());
@@ -158,7 +160,8 @@ void expectMatroska(const std::vector<Delivered>& packets, unsigned long long st
                                     [](const Block& block) { return block.track == 2; });
     ASSERT_NE(video, blocks.end());
     EXPECT_TRUE(video->isKey);
-    EXPECT_NEAR(static_cast<double>(video->timestampMs), static_cast<double>(startUs / 1000), 21.0);
+    EXPECT_NEAR(static_cast<double>(video->timestampMs), static_cast<double>(startUs) / 1000.0,
+                21.0);
 }
 
 void expectFile(const std::vector<Delivered>& packets, unsigned long long startUs)
