@@ -384,7 +384,7 @@ class Output(TranscodeTest):
         self.assert_one_line(self.refused(clip(FILM), 'file/a.flv'), 'file/a.flv: Not a directory')
 
     def test_reader_that_goes_away(self):
-        process = self.start_host('transcode', clip('bench_720p.mp4'), '-', '--format', 'mpegts',
+        process = self.start_host('transcode', clip('large.mp4'), '-', '--format', 'mpegts',
                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         process.stdout.read(1000)
         process.stdout.close()
@@ -400,7 +400,7 @@ class Signals(TranscodeTest):
         # waits: so the signal comes in mid-stream.
         for number in (signal.SIGINT, signal.SIGTERM):
             with self.subTest(number):
-                process = self.start_host('transcode', clip('bench_1080p.mp4'), '-', '--format',
+                process = self.start_host('transcode', clip('large.mp4'), '-', '--format',
                                           'mpegts', stdout=subprocess.PIPE, stderr=subprocess.PIPE)
                 start = process.stdout.read(100000)
                 process.send_signal(number)
