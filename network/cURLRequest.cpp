@@ -271,6 +271,12 @@ void Request::setEmptyWriteCallback()
     m_writeCallback.clear();
 }
 
+void Request::clearCallbacks()
+{
+    m_headerCallback.clear();
+    m_writeCallback.clear();
+}
+
 Request::Callback Request::getFileWriter(std::ofstream& stream)
 {
     return [this, &stream](void* data, unsigned long size, unsigned long count) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/utils/Locks.h"
+#include "common/utils/PThread.h"
 #include "common/utils/StdString.h"
 
 #include <atomic>
@@ -128,8 +130,8 @@ public:
     /// @throws std::exception  of no further type, when a callback refused bytes
     /// @throws CUrlEasyException  when the transfer failed or was aborted
     void perform();
-    /// Ends the transfer under way, or the next one at once. Any thread, at any moment of the
-    /// object's life.
+    /// Ends the transfer under way at once, and every later one before it begins. Any thread, at
+    /// any moment of the object's life.
     void abort();
 
     /// @throws CUrlEasyException  as do the other questions
@@ -141,6 +143,12 @@ public:
 
     static CStdStr<char> encodeURL(const CStdStr<char>& text);
     static CStdStr<char> decodeURL(const CStdStr<char>& text);
+
+protected:
+    /// Leaves functions that refuse every byte, whatever they held. No transfer is under way.
+    void clearCallbacks();
+    /// Takes an earlier abort() back. No transfer is under way.
+    void clearAbort() { m_abort = false; }
 
 private:
     template <class T>
@@ -180,6 +188,69 @@ private:
     double m_lastDownloaded = 0;      ///< body bytes on the wire, as last seen
     std::uint32_t m_lastProgress = 0; ///< uptime in milliseconds, wraps
     MultiHandle m_multi;              ///< runs m_handle, so that abort() can wake the transfer
+};
+
+/// A Request on a thread of its own, whose body the owner pulls. What was not pulled yet is
+/// bounded: a full buffer holds the transfer until somebody reads.
+///
+/// Set up, started and read by one thread; abort() may come from others. The base's questions may
+/// be asked once getData() has answered -1.
+class AsyncRequest : public Request
+{
+public:
+    /// @param maxBufferSize  body bytes at which the transfer is held. A chunk that is larger, or
+    ///                       that a reader needs to go on, is taken all the same.
+    explicit AsyncRequest(unsigned long maxBufferSize);
+    ~AsyncRequest() override;
+
+    /// Begins the transfer, from position 0. An older one is aborted, and what it left is dropped.
+    /// @throws std::runtime_error  "Failed to create thread: %d" with the error number
+    void start();
+    /// Does nothing: a reader that stops reading pauses the transfer.
+    void pause() {}
+    /// Blocks until there is something to give. Positions count like those of the body, modulo
+    /// 2^32, and never go back; one further ahead drops what lies before it.
+    /// @param waitForAll  wait for `size` bytes, or for the end of the transfer
+    /// @return number of bytes; -1 when `position` is given out already, after abort(), and when
+    ///         the transfer has ended and nothing is left
+    long getData(unsigned char* dst, unsigned long size, unsigned long position, bool waitForAll);
+    /// Blocks until the final response's headers are complete or the transfer has ended.
+    /// @return false when there are none: it failed before, or time was up
+    bool waitForHeaders(int timeoutMs);
+    /// The final response's status line and headers, with their line ends; complete after
+    /// waitForHeaders(), though trailers may follow. Any thread.
+    CStdStr<char> getHeaders();
+    /// Ends the transfer and its thread, and wakes the reader. Any thread but the transfer's.
+    void abort();
+
+private:
+    int performThread(void* argument);
+    unsigned long headerCallback(const void* data, unsigned long size, unsigned long count);
+    unsigned long writeCallback(const void* data, unsigned long size, unsigned long count);
+
+    void endTransfer() ZEL_REQUIRES(m_control);
+    void transferEnded();
+    std::size_t bufferedLocked() const ZEL_REQUIRES(m_buffer);
+    void dropLocked(std::size_t bytes) ZEL_REQUIRES(m_buffer);
+    void appendLocked(const char* data, std::size_t bytes) ZEL_REQUIRES(m_buffer);
+    bool skipToLocked(std::uint32_t position) ZEL_REQUIRES(m_buffer);
+    void waitForLocked(std::size_t bytes) ZEL_REQUIRES(m_buffer);
+    bool readerStarvesLocked() const ZEL_REQUIRES(m_buffer);
+
+    CStdStr<char> m_headers ZEL_GUARDED_BY(m_headerEvent);
+    PCondMutex m_headerEvent;
+    PVectorCondMutex<char> m_buffer; ///< body bytes from m_taken on
+    const std::uint32_t m_maxBufferSize;
+    std::uint32_t m_position ZEL_GUARDED_BY(m_buffer) = 0; ///< of the first byte in m_buffer
+    bool m_finished ZEL_GUARDED_BY(m_buffer) = false;      ///< abort was asked for
+    bool m_readerWaiting ZEL_GUARDED_BY(m_buffer) = false;
+    std::unique_ptr<PThread> m_thread ZEL_GUARDED_BY(m_control);
+    bool m_headersComplete = false;                    ///< stands beside m_headerEvent
+    bool m_headersOver = false;                        ///< as above: complete, or never to come
+    bool m_ended ZEL_GUARDED_BY(m_buffer) = false;     ///< the transfer is over
+    std::size_t m_taken ZEL_GUARDED_BY(m_buffer) = 0;  ///< bytes of m_buffer given out already
+    std::size_t m_needed ZEL_GUARDED_BY(m_buffer) = 0; ///< bytes that a waiting reader waits for
+    PMutex m_control; ///< one start() or abort() at a time; taken before the others
 };
 
 } // namespace zel::cURL
