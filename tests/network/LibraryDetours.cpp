@@ -96,6 +96,12 @@ void EndlessLookUp::awaitBegin() const
     all.changed.wait(lock, [&] { return all.under > 0; });
 }
 
+bool EndlessLookUp::begun() const
+{
+    const std::lock_guard guard(lookUps().mutex);
+    return lookUps().under > 0;
+}
+
 } // namespace zel::test
 
 // What the program defines goes before what its libraries define, also for the libraries' own

@@ -45,6 +45,8 @@ public:
 
     /// Blocks until somebody looks the name up.
     void awaitBegin() const;
+    /// Whether somebody looks the name up.
+    bool begun() const;
 };
 
 } // namespace zel::test

@@ -1,10 +1,13 @@
 #pragma once
 
 #include "network/cURLRequest.h"
+#include "tests/support/ScriptedServer.h"
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <exception>
+#include <string>
 #include <typeinfo>
 
 namespace zel::test {
@@ -39,6 +42,39 @@ inline CURLcode performed(cURL::Request& request)
         EXPECT_TRUE(typeid(failure) == typeid(std::exception)) << failure.what();
         return CURLE_WRITE_ERROR;
     }
+}
+
+inline unsigned long takeAll(void*, unsigned long size, unsigned long count)
+{
+    return size * count;
+}
+
+/// Performs the request, which must succeed.
+/// @return its body
+inline std::string bodyOf(cURL::Request& request)
+{
+    CStdStr<char> text;
+    request.setWriteCallback(request.getStringWriter(text));
+    EXPECT_EQ(performed(request), CURLE_OK);
+    request.setEmptyWriteCallback(); // `text` ends here
+    return text;
+}
+
+inline ServerScript answering(const std::string& body, const ServerHeaders& headers = {})
+{
+    return [body, headers](const ServerRequest&, ServerConnection& connection) {
+        connection.respond(200, headers, body);
+    };
+}
+
+/// Announces a body, and sends only its first byte.
+inline ServerScript announcing(std::uint64_t length)
+{
+    return [length](const ServerRequest&, ServerConnection& connection) {
+        connection.beginBody(200, {}, length);
+        connection.send("x");
+        connection.waitUntilPeerCloses();
+    };
 }
 
 } // namespace zel::test

@@ -30,13 +30,6 @@ std::string taken(zel::cURL::AsyncRequest& request, unsigned long size, unsigned
     return count < 0 ? "end" : std::string(bytes.begin(), bytes.begin() + count);
 }
 
-ServerScript answering(const std::string& body)
-{
-    return [body](const ServerRequest&, ServerConnection& connection) {
-        connection.respond(200, {}, body);
-    };
-}
-
 /// Sends the one part, then waits for the mark "go", then sends the other.
 ServerScript inTwoParts(const std::string& first, const std::string& second)
 {

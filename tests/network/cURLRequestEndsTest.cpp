@@ -31,6 +31,8 @@ class Transfer
 public:
     explicit Transfer(Request& request)
         : m_thread([this, &request] {
+              // libcurl's one timer of its own that would end a poll soon.
+              request.setOption(CURLOPT_HAPPY_EYEBALLS_TIMEOUT_MS, 3600000);
               const EndlessPolls polls;
               m_end = performed(request);
           })
@@ -63,22 +65,22 @@ ServerScript falteringAfter(const std::string& beginning)
 {
     return [beginning](const ServerRequest&, ServerConnection& connection) {
         connection.send(beginning);
-        connection.mark("sent");
         connection.waitUntilPeerCloses();
     };
 }
 
-/// Aborts a transfer whose server falters there.
-CURLcode endOfAbortAfter(const std::string& beginning)
+constexpr const char* partOfBody = "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n12345";
+
+/// Makes `taken` ready at the first call.
+Request::Callback takingOnce(std::promise<void>& taken)
 {
-    ScriptedServer server(falteringAfter(beginning));
-    LocalRequest request(server.url());
-    request.setEmptyWriteCallback();
-    Transfer transfer(request);
-    server.waitForMark("sent");
-    transfer.awaitSleep();
-    request.abort();
-    return transfer.end();
+    return [&taken, first = true](void*, unsigned long size, unsigned long count) mutable {
+        if (first) {
+            taken.set_value();
+        }
+        first = false;
+        return size * count;
+    };
 }
 
 } // namespace
@@ -117,18 +119,33 @@ TEST(cURLRequestEnds, AbortWhileTheServerNeverAnswers)
 
 TEST(cURLRequestEnds, AbortAmidTheHeaders)
 {
-    EXPECT_EQ(endOfAbortAfter("HTTP/1.1 200 OK\r\nContent-Le"), CURLE_ABORTED_BY_CALLBACK);
+    ScriptedServer server(falteringAfter("HTTP/1.1 200 OK\r\nContent-Le"));
+    LocalRequest request(server.url());
+    std::promise<void> taken;
+    request.setHeaderCallback(takingOnce(taken));
+    Transfer transfer(request);
+    taken.get_future().wait();
+    transfer.awaitSleep();
+    request.abort();
+    EXPECT_EQ(transfer.end(), CURLE_ABORTED_BY_CALLBACK);
 }
 
 TEST(cURLRequestEnds, AbortAmidTheBody)
 {
-    EXPECT_EQ(endOfAbortAfter("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n12345"),
-              CURLE_ABORTED_BY_CALLBACK);
+    ScriptedServer server(falteringAfter(partOfBody));
+    LocalRequest request(server.url());
+    std::promise<void> taken;
+    request.setWriteCallback(takingOnce(taken));
+    Transfer transfer(request);
+    taken.get_future().wait();
+    transfer.awaitSleep();
+    request.abort();
+    EXPECT_EQ(transfer.end(), CURLE_ABORTED_BY_CALLBACK);
 }
 
 TEST(cURLRequestEnds, AbortWhileTheWriteCallbackBlocksCountsOnceItIsLetGo)
 {
-    ScriptedServer server(falteringAfter("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n12345"));
+    ScriptedServer server(falteringAfter(partOfBody));
     LocalRequest request(server.url());
     std::promise<void> inside;
     std::promise<void> letGo;
@@ -147,7 +164,7 @@ TEST(cURLRequestEnds, AbortWhileTheWriteCallbackBlocksCountsOnceItIsLetGo)
 
 TEST(cURLRequestEnds, AbortFromTheWriteCallback)
 {
-    ScriptedServer server(falteringAfter("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n12345"));
+    ScriptedServer server(falteringAfter(partOfBody));
     LocalRequest request(server.url());
     request.setWriteCallback([&](void*, unsigned long size, unsigned long count) {
         request.abort();
@@ -164,6 +181,15 @@ TEST(cURLRequestEnds, AbortBeforeTheTransferKeepsItFromConnecting)
     EXPECT_EQ(performed(request), CURLE_ABORTED_BY_CALLBACK);
     EXPECT_EQ(performed(request), CURLE_ABORTED_BY_CALLBACK);
     EXPECT_EQ(server.connectionsAccepted(), 0U);
+}
+
+TEST(cURLRequestEnds, AbortBeforeTheTransferKeepsItFromLookingTheNameUp)
+{
+    const EndlessLookUp lookUp("never.invalid");
+    LocalRequest request("http://never.invalid/");
+    request.abort();
+    EXPECT_EQ(performed(request), CURLE_ABORTED_BY_CALLBACK);
+    EXPECT_FALSE(lookUp.begun());
 }
 
 TEST(cURLRequestEnds, AbortAtAnyMomentEndsTheTransfer)
@@ -189,7 +215,7 @@ TEST(cURLRequestEnds, AbortAtAnyMomentEndsTheTransfer)
 TEST(cURLRequestEnds, SilentBodyEndsByReadTimeoutWithTheInfoLine)
 {
     LogCapture log;
-    ScriptedServer server(falteringAfter("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n12345"));
+    ScriptedServer server(falteringAfter(partOfBody));
     LocalRequest request(server.url());
     CStdStr<char> text;
     request.setWriteCallback(request.getStringWriter(text));
@@ -229,7 +255,7 @@ TEST(cURLRequestEnds, ReadTimeoutCountsAnewForEachTransfer)
 
 TEST(cURLRequestEnds, NoPollIsLongerThanTheReadTimeoutNorBusy)
 {
-    ScriptedServer server(falteringAfter("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n12345"));
+    ScriptedServer server(falteringAfter(partOfBody));
     LocalRequest request(server.url());
     request.setEmptyWriteCallback();
     request.setReadTimeout(70);
