@@ -10,7 +10,7 @@ ROOT = Path(__file__).resolve().parents[2]
 
 
 def run(command, environment=None):
-    """Runs a program to its end; answers seconds and peak memory in bytes."""
+    """Runs a program to its end; answers seconds, seconds of CPU, peak memory in bytes."""
     start = time.monotonic()
     child = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                              stderr=subprocess.DEVNULL, env=environment)
@@ -18,28 +18,30 @@ def run(command, environment=None):
     child.returncode = os.waitstatus_to_exitcode(status)
     if child.returncode != 0:
         raise SystemExit(f"exit status {child.returncode}: {' '.join(map(str, command))}")
-    return time.monotonic() - start, usage.ru_maxrss * 1024
+    return time.monotonic() - start, usage.ru_utime + usage.ru_stime, usage.ru_maxrss * 1024
 
 
 def race(title, rivals, runs):
     """Runs the rivals in turns; the first one is what the others are measured by."""
     times = {name: [] for name in rivals}
+    work = {name: [] for name in rivals}
     memory = dict.fromkeys(rivals, 0)
     for command in rivals.values():
         run(command)  # once for the caches
     for _ in range(runs):
         for name, command in rivals.items():
-            seconds, peak = run(command)
+            seconds, cpu, peak = run(command)
             times[name].append(seconds)
+            work[name].append(cpu)
             memory[name] = max(memory[name], peak)
     base = statistics.median(next(iter(times.values())))
     print(f"\n{title}, {runs} runs in turns\n")
-    print("| program | median s | best s | ratio | peak MB |")
-    print("|---|---|---|---|---|")
+    print("| program | median s | best s | ratio | CPU s | peak MB |")
+    print("|---|---|---|---|---|---|")
     for name, values in times.items():
         median = statistics.median(values)
         print(f"| {name} | {median:.3f} | {min(values):.3f} | {median / base:.2f} "
-              f"| {memory[name] / 1e6:.0f} |")
+              f"| {statistics.median(work[name]):.2f} | {memory[name] / 1e6:.0f} |")
     sys.stdout.flush()
 
 
