@@ -223,19 +223,33 @@ void CURLHTTPRequestHandler::close()
 
 void CURLHTTPRequestHandler::endTransfer()
 {
+    if (isTransferThread()) {
+        stopTransfer();
+        return; // it cannot wait for itself
+    }
+    // One at a time: a start behind another's end would keep the write side from this one.
+    PMutexGuard endGuard(m_endLock);
+    stopTransfer();
+    if (PThread* thread = currentThread()) {
+        thread->join();
+    }
+    PWriteGuard guard(m_lock);
+    delete std::exchange(m_thread, nullptr);
+    delete std::exchange(m_request, nullptr);
+    m_closed = true;
+}
+
+PThread* CURLHTTPRequestHandler::currentThread()
+{
+    PReadGuard guard(m_lock);
+    return m_thread;
+}
+
+void CURLHTTPRequestHandler::stopTransfer()
+{
     m_stopEvent.signal(m_stopped);
     m_headerEvent.signal(m_headersIn);
     abortTransfer();
-    if (isTransferThread()) {
-        return; // it cannot wait for itself
-    }
-    if (const std::unique_ptr<PThread> thread{m_thread.exchange(nullptr)}) {
-        thread->join();
-    }
-    // Where another close() joins the thread, this waits for the thread's end as well.
-    PWriteGuard guard(m_lock);
-    delete std::exchange(m_request, nullptr);
-    m_closed = true;
 }
 
 void CURLHTTPRequestHandler::abortTransfer()

@@ -78,6 +78,8 @@ private:
     void setUpRequest();
     CStdStr<char> additionalHeader();
     void endTransfer();
+    PThread* currentThread();
+    void stopTransfer();
     void abortTransfer();
     bool isTransferThread() const { return m_transferThread == std::this_thread::get_id(); }
 
@@ -89,7 +91,7 @@ private:
     /// Guarded by m_lock, whose holders the analysis cannot follow through libcurl's callbacks.
     cURL::Request* m_request = nullptr; ///< owned
     CStdStr<char> m_url ZEL_GUARDED_BY(m_textLock);
-    std::atomic<PThread*> m_thread{nullptr}; ///< owned by whoever takes it out
+    PThread* m_thread = nullptr; ///< owned; guarded as m_request
     std::atomic<unsigned int> m_timeout{30000};
     std::atomic<int> m_statusCode{0};
     std::atomic<unsigned int> m_httpVersion{1};
@@ -118,6 +120,7 @@ private:
 
     PMutex m_textLock;
     PMutex m_seekLock; ///< one seek at a time
+    PMutex m_endLock;  ///< one end of a transfer at a time
     std::atomic<bool> m_stopped{false};
     std::atomic<bool> m_headersIn{false}; ///< or the transfer is over
     std::atomic<int> m_responseStatus{0}; ///< of the present transfer's latest response
