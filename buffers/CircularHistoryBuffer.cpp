@@ -252,9 +252,21 @@ unsigned long long CircularHistoryBuffer::availableToRead()
 
 unsigned long long CircularHistoryBuffer::availableToReadLocked()
 {
-    const unsigned long long slowest = minimumReadPositionLocked();
+    // The smallest ring index is not good enough: a reader still in the lap before the others' has
+    // a larger one, and the writer would run over it.
     const unsigned long long head = m_writePosition;
-    return slowest <= head ? head - slowest : head + m_bufferSize - slowest;
+    unsigned long long most = 0;
+    bool found = false;
+    for (const auto& [id, reader] : m_readers) {
+        if (reader->m_released) {
+            continue;
+        }
+        reader->assumeLocked();
+        const unsigned long long offset = reader->currentOffsetLocked();
+        most = std::max(most, offset <= head ? head - offset : head + m_bufferSize - offset);
+        found = true;
+    }
+    return found ? most : head;
 }
 
 unsigned long long CircularHistoryBuffer::availableToWrite()
@@ -291,11 +303,6 @@ long long CircularHistoryBuffer::historyStartLocked()
 unsigned long long CircularHistoryBuffer::getMinimumReadPosition()
 {
     PMutexGuard guard(m_mutex);
-    return minimumReadPositionLocked();
-}
-
-unsigned long long CircularHistoryBuffer::minimumReadPositionLocked()
-{
     unsigned long long minimum = 0;
     bool found = false;
     for (const auto& [id, reader] : m_readers) {

@@ -56,7 +56,7 @@ public:
     /// A new cursor on the storage, which the caller owns, or null. Called with m_mutex held.
     virtual BufferHandle* getBufferReaderHandle() = 0;
 
-    /// Bytes that the slowest reader has not read.
+    /// Bytes that the slowest reader in service has not read; without one, those of this lap.
     unsigned long long availableToRead();
     /// Oldest stream offset that still lies in the ring.
     long long getHistoryStartOffset();
@@ -102,7 +102,6 @@ protected:
     unsigned long long availableToReadLocked() ZEL_REQUIRES(m_mutex);
     unsigned long long availableToWriteLocked() ZEL_REQUIRES(m_mutex);
     long long historyStartLocked() ZEL_REQUIRES(m_mutex);
-    unsigned long long minimumReadPositionLocked() ZEL_REQUIRES(m_mutex);
     unsigned long long absoluteMinimumReadPositionLocked() ZEL_REQUIRES(m_mutex);
     unsigned long long guaranteedHistoryStartLocked() ZEL_REQUIRES(m_mutex);
 

@@ -146,10 +146,11 @@ bool CircularHistoryBufferReader::seekLocked(unsigned long long offset)
         return false;
     }
     const unsigned long long head = m_buffer->m_absoluteOffset + m_buffer->m_writePosition;
-    // A byte exactly one lap behind the writer shares its index. A reader there would look as if it
-    // had read everything, and get newer bytes for the old ones.
+    // A byte exactly one lap behind the writer shares its index: a reader there would look as if it
+    // had read everything, and get newer bytes for the old ones. One further behind is gone, and
+    // asked for only by a reader that was out of service while the writer ran over it.
     const bool lapBehind =
-        offset < head && head - offset == ringSize && m_buffer->m_totalBytesWritten > ringSize;
+        m_buffer->m_totalBytesWritten > ringSize && offset < head && head - offset >= ringSize;
     if (lapBehind || !isOffsetInBufferLocked(offset)) {
         if (CBBLog::isDebugEnabled()) {
             CBBLog::debug("CircularHistoryBufferReader::seek offset %lld not in buffer",
@@ -157,7 +158,15 @@ bool CircularHistoryBufferReader::seekLocked(unsigned long long offset)
         }
         return false;
     }
-    m_handle->seek((offset - m_globalOffset) % ringSize);
+    // From place to place, for index 0 of a reader that was made late is not the first lap's, and a
+    // seek back may go behind it.
+    const unsigned long long position = m_absoluteReadPosition;
+    const unsigned long long index = m_handle->getOffset();
+    const unsigned long long ahead = offset >= position ? (offset - position) % ringSize
+                                                        : ringSize - (position - offset) % ringSize;
+    if (m_handle->seek((index + ahead) % ringSize) < 0) {
+        return false;
+    }
     m_absoluteReadPosition = offset;
     // A jump ahead makes room, and its next read may want more than what is there.
     m_buffer->m_spaceAvailable.broadcast();
