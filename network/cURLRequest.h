@@ -194,7 +194,7 @@ private:
 /// bounded: a full buffer holds the transfer until somebody reads.
 ///
 /// Set up, started and read by one thread; abort() may come from others. The base's questions may
-/// be asked once getData() has answered -1.
+/// be asked after abort(), or when the reader has met the end of the body.
 class AsyncRequest : public Request
 {
 public:

@@ -9,6 +9,7 @@
 #include "tests/support/TempFolder.h"
 
 #include <ctime>
+#include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
@@ -36,7 +37,43 @@ ServerScript redirectingTo(const std::string& location)
     };
 }
 
+/// Makes a folder the working one for a scope.
+class WorkingFolder
+{
+public:
+    explicit WorkingFolder(const std::string& path) : m_former(std::filesystem::current_path())
+    {
+        std::filesystem::current_path(path);
+    }
+    ~WorkingFolder() { std::filesystem::current_path(m_former); }
+    WorkingFolder(const WorkingFolder&) = delete;
+    WorkingFolder& operator=(const WorkingFolder&) = delete;
+
+private:
+    std::filesystem::path m_former;
+};
+
+/// How a request over TLS ends at a server that does not speak it.
+CURLcode endOfHandshake()
+{
+    LoopbackListener server("what did you say?\r\n");
+    LocalRequest request("https://127.0.0.1:" + server.port() + "/");
+    return performed(request);
+}
+
 } // namespace
+
+TEST(cURLRequest, CertificateFileOfTheWorkingFolderIsReadWhenThereIsOne)
+{
+    const TempFolder folder;
+    const WorkingFolder working(folder.path());
+    EXPECT_NE(endOfHandshake(), CURLE_SSL_CACERT_BADFILE);
+    std::filesystem::create_directory("cacert.pem");
+    EXPECT_NE(endOfHandshake(), CURLE_SSL_CACERT_BADFILE);
+    std::filesystem::remove("cacert.pem");
+    writeFile("cacert.pem", "no certificate");
+    EXPECT_EQ(endOfHandshake(), CURLE_SSL_CACERT_BADFILE);
+}
 
 TEST(cURLRequest, AnswersStatusLengthTypeAndUrl)
 {
@@ -145,9 +182,9 @@ TEST(cURLRequest, AnswerOfAnotherProtocolNameCountsWhenItIsAnAlias)
     });
     LocalRequest stranger(server.url());
     stranger.setEmptyWriteCallback();
+    stranger.setAdditionalHTTPOKAliases(""); // would fit every answer
     EXPECT_NE(performed(stranger), CURLE_OK);
     LocalRequest request(server.url());
-    request.setAdditionalHTTPOKAliases("");
     request.setAdditionalHTTPOKAliases("RADIO 200 OK");
     EXPECT_EQ(bodyOf(request), "music");
     EXPECT_EQ(request.getStatusCode(), 200);
