@@ -31,7 +31,9 @@ AsyncRequest::~AsyncRequest()
 void AsyncRequest::start()
 {
     PMutexGuard control(m_control);
-    endTransfer();
+    if (m_thread) {
+        endTransfer();
+    }
     clearAbort();
     {
         PMutexGuard guard(m_buffer);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/utils/Clock.h"
+#include "common/utils/Locks.h"
 #include "network/cURLRequest.h"
 #include "tests/support/ScriptedServer.h"
 
@@ -47,6 +49,14 @@ inline CURLcode performed(cURL::Request& request)
 inline unsigned long takeAll(void*, unsigned long size, unsigned long count)
 {
     return size * count;
+}
+
+/// Lets so much time pass, as something slow does.
+inline void letTimePass(int ms)
+{
+    PCondMutex event;
+    const bool never = false;
+    event.timedWait(never, zel::absoluteTimeAfter(ms));
 }
 
 /// Performs the request, which must succeed.

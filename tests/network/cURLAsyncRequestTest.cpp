@@ -212,6 +212,23 @@ TEST(cURLAsyncRequest, ReaderMayWaitForMoreThanTheBufferHolds)
     EXPECT_TRUE(readToEnd(request, 300000, true) == body);
 }
 
+TEST(cURLAsyncRequest, ReaderGetsWhatAFullBufferHeldBackAtOnce)
+{
+    ScriptedServer server([](const ServerRequest&, ServerConnection& connection) {
+        connection.beginBody(200, {}, 20);
+        connection.send("12345");
+        connection.waitForMark("more");
+        connection.send("67890");
+        connection.waitUntilPeerCloses();
+    });
+    LocalAsyncRequest request(server.url(), 6UL);
+    request.start();
+    EXPECT_EQ(taken(request, 1, 0, true), "1");
+    server.mark("more");
+    letTimePass(200); // so that the rest mostly stands in front of the buffer by now
+    EXPECT_EQ(taken(request, 9, 1, true), "234567890");
+}
+
 TEST(cURLAsyncRequest, AbortWakesAWaitingReader)
 {
     ScriptedServer server(falter);
@@ -283,6 +300,27 @@ TEST(cURLAsyncRequest, RequestThatNeverStartedCanBeAbortedAndDestroyed)
     EXPECT_EQ(taken(request, 1, 0, false), "end");
 }
 
+TEST(cURLAsyncRequest, ReaderThatComesBeforeTheStartWaitsForTheTransfer)
+{
+    ScriptedServer server(answering("12345"));
+    LocalAsyncRequest request(server.url(), 65536UL);
+    std::string got;
+    WatchedThread reader([&] { got = taken(request, 5, 0, true); });
+    EXPECT_TRUE(reader.awaitSleep());
+    request.start();
+    reader.join();
+    EXPECT_EQ(got, "12345");
+}
+
+TEST(cURLAsyncRequest, AbortWakesAReaderThatCameBeforeTheStart)
+{
+    LocalAsyncRequest request("http://127.0.0.1/", 65536UL);
+    WatchedThread reader([&] { EXPECT_EQ(taken(request, 5, 0, true), "end"); });
+    EXPECT_TRUE(reader.awaitSleep());
+    request.abort();
+    reader.join();
+}
+
 TEST(cURLAsyncRequest, StartsAnewFromPositionZeroAfterItsEndAndAfterAnAbort)
 {
     ScriptedServer server(answering("12345"));
@@ -336,6 +374,14 @@ TEST(cURLAsyncRequest, HeadersOfTheFinalResponseAreKept)
     EXPECT_TRUE(request.waitForHeaders(longMs));
     EXPECT_EQ(request.getHeaders(), "HTTP/1.1 200 OK\r\nContent-Length: 2\r\nX-Final: Yes\r\n\r\n");
     EXPECT_EQ(readToEnd(request, 100, false), "ok");
+}
+
+TEST(cURLAsyncRequest, HeadersAreThereBeforeTheBodyEnds)
+{
+    ScriptedServer server(falter);
+    LocalAsyncRequest request(server.url(), 65536UL);
+    request.start();
+    EXPECT_TRUE(request.waitForHeaders(longMs));
 }
 
 TEST(cURLAsyncRequest, RefusedRedirectLeavesNoHeaders)

@@ -3,7 +3,6 @@
 #include "network/cURLRequest.h"
 
 #include "common/utils/Clock.h"
-#include "common/utils/Locks.h"
 #include "tests/network/FullBacklog.h"
 #include "tests/network/LibraryDetours.h"
 #include "tests/network/LocalRequest.h"
@@ -51,14 +50,6 @@ private:
     CURLcode m_end = CURLE_OK;
     WatchedThread m_thread;
 };
-
-/// Lets so much time pass, as something slow does.
-void letTimePass(int ms)
-{
-    PCondMutex event;
-    const bool never = false;
-    event.timedWait(never, zel::absoluteTimeAfter(ms));
-}
 
 /// Sends the beginning of an answer, and nothing more.
 ServerScript falteringAfter(const std::string& beginning)
