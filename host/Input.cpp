@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <system_error>
@@ -12,6 +13,8 @@
 namespace zel::host {
 
 namespace {
+
+constexpr std::size_t MostEvents = 1000;
 
 /// What is wrong with a local file as far as the system can tell; "" when it can be read.
 std::string fileTrouble(const std::string& path)
@@ -122,10 +125,33 @@ OutputStreamRecord Input::describeOutput()
     return record;
 }
 
+std::vector<streamer::InputEvent::Enum> Input::events() const
+{
+    const std::lock_guard guard(m_eventLock);
+    return m_events;
+}
+
+bool Input::isBroken() const
+{
+    const auto all = events();
+    return std::find(all.begin(), all.end(), streamer::InputEvent::BrokenStream) != all.end();
+}
+
+std::optional<unsigned int> Input::bufferPercent()
+{
+    unsigned int percent = 0;
+    if (!m_plugin->getInputBufferStatus(percent)) {
+        return std::nullopt;
+    }
+    return percent;
+}
+
 void Input::_inputEvent(streamer::InputEvent::Enum event, int, int, void* self)
 {
-    if (event == streamer::InputEvent::BrokenStream) {
-        static_cast<Input*>(self)->m_broken = true;
+    auto& input = *static_cast<Input*>(self);
+    const std::lock_guard guard(input.m_eventLock);
+    if (input.m_events.size() < MostEvents) {
+        input.m_events.push_back(event);
     }
 }
 

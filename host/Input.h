@@ -5,9 +5,11 @@
 #include "host/Records.h"
 #include "host/StopSignal.h"
 
-#include <atomic>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace zel::host {
 
@@ -55,7 +57,11 @@ public:
     MediumRecord describeMedium();
     OutputStreamRecord describeInput();
     OutputStreamRecord describeOutput();
-    bool isBroken() const { return m_broken; }
+    bool isBroken() const;
+    /// What the input told of its connection so far; in their order, the first ones only.
+    std::vector<streamer::InputEvent::Enum> events() const;
+    /// Fill level of the network buffer in percent; nothing where that says nothing.
+    std::optional<unsigned int> bufferPercent();
 
 private:
     static void _inputEvent(streamer::InputEvent::Enum event, int, int, void* self);
@@ -66,7 +72,8 @@ private:
     std::string m_name;
     MediumRecord m_medium;
     bool m_isOpen = false;
-    std::atomic<bool> m_broken{false}; ///< set on a thread of the library
+    mutable std::mutex m_eventLock;
+    std::vector<streamer::InputEvent::Enum> m_events; ///< under m_eventLock; threads of the library
 };
 
 /// A frame that is given back to its input at the end, unless somebody takes it over. The input

@@ -59,6 +59,7 @@ const PlayStatistics& PlayPass::run()
     m_input.plugin().stop();
     m_statistics.seconds = secondsSince(started);
     m_statistics.brokenStream = m_input.isBroken();
+    m_statistics.events = m_input.events();
     return m_statistics;
 }
 
@@ -125,8 +126,12 @@ bool PlayPass::handleMedia(const Frame& frame)
     for (const auto& sink : m_sinks) {
         sink->take(frame);
     }
+    const std::optional<unsigned int> buffered = m_input.bufferPercent();
+    if (buffered) {
+        m_statistics.addBufferLevel(*buffered);
+    }
     if (frame.hasTimestamp()) {
-        m_progress.update(static_cast<long long>(frame.timestampUs));
+        m_progress.update(static_cast<long long>(frame.timestampUs), buffered);
     }
     if (m_options.frames &&
         m_statistics.video.frames + m_statistics.audio.frames >= *m_options.frames) {

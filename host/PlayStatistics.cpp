@@ -67,6 +67,11 @@ void addKindRow(std::string& text, const char* name, const KindStatistics& kind,
     text += row;
 }
 
+const char* eventName(streamer::InputEvent::Enum event)
+{
+    return event == streamer::InputEvent::BrokenStream ? "brokenStream" : "endOfFileReceived";
+}
+
 std::string seekText(const PlayStatistics::Seek& seek)
 {
     std::string text = formatTime(static_cast<long long>(seek.targetMs) * 1000);
@@ -153,6 +158,15 @@ void PlayStatistics::add(const Frame& frame)
     }
 }
 
+void PlayStatistics::addBufferLevel(unsigned int percent)
+{
+    if (!buffer) {
+        buffer = {percent, percent};
+    }
+    buffer->lowest = std::min(buffer->lowest, percent);
+    buffer->highest = std::max(buffer->highest, percent);
+}
+
 void PlayStatistics::jump()
 {
     video.jump();
@@ -188,6 +202,15 @@ Json PlayStatistics::toJson() const
         json["metadata"].push_back({{"atUs", block.atUs}, {"entries", entries}});
     }
     json["brokenStream"] = brokenStream;
+    json["inputEvents"] = Json::array();
+    for (const auto event : events) {
+        json["inputEvents"].push_back(eventName(event));
+    }
+    json["inputBuffer"] = nullptr;
+    if (buffer) {
+        json["inputBuffer"] = {{"lowestPercent", buffer->lowest},
+                               {"highestPercent", buffer->highest}};
+    }
     json["secondsToFirstFrame"] = secondsToFirstFrame;
     json["seconds"] = seconds;
     return json;
@@ -227,8 +250,14 @@ std::string PlayStatistics::text() const
     for (const auto& block : metadata) {
         table.add("metadata at", metadataText(block));
     }
-    if (brokenStream) {
-        table.add("network", "the stream broke off");
+    for (const auto event : events) {
+        table.add("network", event == streamer::InputEvent::BrokenStream
+                                 ? "the stream broke off"
+                                 : "all of the stream has arrived");
+    }
+    if (buffer) {
+        table.add("network buffer", std::to_string(buffer->lowest) + " to " +
+                                        std::to_string(buffer->highest) + " % full");
     }
     const auto lengthUs = std::max(video.lastUs.value_or(0), audio.lastUs.value_or(0)) -
                           std::min(video.firstUs.value_or(audio.firstUs.value_or(0)),

@@ -54,6 +54,12 @@ public:
         unsigned long long audioFrames; ///< delivered before it
         AudioRecord audio;
     };
+    /// Percent of the part of the network buffer that reads ahead.
+    struct BufferLevel
+    {
+        unsigned int lowest;
+        unsigned int highest;
+    };
     struct Metadata
     {
         long long atUs;
@@ -69,11 +75,14 @@ public:
     double secondsToFirstFrame = 0; ///< from the start of the process
     double seconds = 0;             ///< from open to the end
     bool brokenStream = false;
+    std::vector<streamer::InputEvent::Enum> events;
+    std::optional<BufferLevel> buffer; ///< nothing without a network buffer
 
     /// @param countVideoGaps  false when pictures are left out on purpose
     explicit PlayStatistics(bool countVideoGaps) : m_countVideoGaps(countVideoGaps) {}
 
     void add(const Frame& frame);
+    void addBufferLevel(unsigned int percent);
     void jump();
 
     nlohmann::ordered_json toJson() const;

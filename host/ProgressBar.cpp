@@ -89,6 +89,9 @@ std::string ProgressBar::line(long long positionUs, Clock::time_point now) const
                       std::max(0.0, static_cast<double>(positionUs - *m_firstUs) / 1e6 / elapsed));
     }
     std::string tail = times + speed;
+    if (m_bufferPercent) {
+        tail += "  buffer " + std::to_string(*m_bufferPercent) + "%";
+    }
     if (m_lengthUs <= 0) {
         return tail;
     }

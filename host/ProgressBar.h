@@ -21,9 +21,11 @@ public:
     ProgressBar& operator=(const ProgressBar&) = delete;
 
     /// Draws anew, but at most ten times a second; cheap enough to be called for each frame.
-    void update(long long positionUs)
+    /// @param bufferPercent  fill level of a network buffer, where there is one
+    void update(long long positionUs, std::optional<unsigned int> bufferPercent = {})
     {
         if (m_enabled) {
+            m_bufferPercent = bufferPercent;
             updateTerminal(positionUs);
         }
     }
@@ -39,6 +41,7 @@ private:
     const bool m_blocks; ///< the terminal takes UTF-8
     const long long m_lengthUs;
     bool m_visible = false;
+    std::optional<unsigned int> m_bufferPercent;
     std::optional<long long> m_firstUs;
     std::chrono::steady_clock::time_point m_started;
     std::chrono::steady_clock::time_point m_nextDraw;

@@ -4,6 +4,7 @@
 #include "tests/host/FakeLog.h"
 #include "tests/host/FakeStage.h"
 
+#include <algorithm>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
@@ -23,7 +24,8 @@
 ///     codecs VIDEO AUDIO; rate FPS
 ///     openfails CODE TEXT; openfails; openwaits; seekfails RESULT
 ///     audio TIME DURATION SIZE; video TIME DURATION [key]; times in microseconds, "-" is none
-///     change RATE CHANNELS BITS; metadata KEY VALUE; none; broken; wait; say LINE
+///     change RATE CHANNELS BITS; metadata KEY VALUE; none; broken; ended; buffer PERCENT;
+///     wait; say LINE
 ///
 /// "wait" and "openwaits" block until the input is stopped. Byte i of frame n is n + i.
 
@@ -116,6 +118,12 @@ public:
             }
             if (word == "broken" && m_callback != nullptr) {
                 m_callback(InputEvent::BrokenStream, 0, 0, m_callbackData);
+            }
+            if (word == "ended" && m_callback != nullptr) {
+                m_callback(InputEvent::EndOfFileReceived, 0, 0, m_callbackData);
+            }
+            if (word == "buffer") {
+                m_bufferPercent = std::stoi(words.at(1));
             }
             if (word == "say") {
                 logLine(words.at(1));
@@ -263,7 +271,12 @@ public:
         logLine("setVideoDecodingMode " + std::to_string(mode));
         return true;
     }
-    bool getInputBufferStatus(unsigned int&) override { return false; }
+    bool getInputBufferStatus(unsigned int& percent) override
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        percent = static_cast<unsigned>(std::max(m_bufferPercent, 0));
+        return m_bufferPercent >= 0;
+    }
     void setInputEventCallback(void (*callback)(InputEvent::Enum, int, int, void*),
                                void* data) override
     {
@@ -333,6 +346,7 @@ private:
     std::vector<std::vector<std::string>> m_script;
     size_t m_next = 0;
     std::set<unsigned char*> m_live; ///< frames that the host has
+    int m_bufferPercent = -1;        ///< below 0 without a network buffer
     unsigned int m_frameCount = 0;
     unsigned long long m_durationMs = 0;
     int m_rate = 48000;

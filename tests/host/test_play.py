@@ -72,6 +72,21 @@ class Counts(HostTest):
         self.assertFalse(self.play_json(fake('video 0 40000'))['brokenStream'])
         self.assertIn('broke off', self.run_host('play', fake('video 0 40000', 'broken')).stdout)
 
+    def test_input_events_are_told_in_their_order(self):
+        medium = fake('video 0 40000', 'ended', 'video 40000 40000', 'broken')
+        self.assertEqual(self.play_json(medium)['inputEvents'],
+                         ['endOfFileReceived', 'brokenStream'])
+        self.assertIn('all of the stream has arrived', self.run_host('play', medium).stdout)
+        self.assertEqual(self.play_json(fake('video 0 40000'))['inputEvents'], [])
+
+    def test_fill_level_of_the_network_buffer_is_shown(self):
+        medium = fake('buffer 40', 'video 0 40000', 'buffer 90', 'video 40000 40000',
+                      'buffer 70', 'video 80000 40000')
+        self.assertEqual(self.play_json(medium)['inputBuffer'],
+                         {'lowestPercent': 40, 'highestPercent': 90})
+        self.assertIn('40 to 90 % full', self.run_host('play', medium).stdout)
+        self.assertIsNone(self.play_json(fake('video 0 40000'))['inputBuffer'])
+
     def test_metadata_is_shown(self):
         medium = fake('video 0 40000', 'metadata title Song')
         self.assertEqual(self.play_json(medium)['metadata'],
@@ -341,6 +356,10 @@ class Terminal(HostTest):
         self.assertNotIn('\x1b', output)
         widest = max(len(line.split('\x1b')[0]) for line in shown.split('\r'))
         self.assertLess(widest, 100)
+
+    def test_fill_level_of_the_network_buffer_stands_behind_the_bar(self):
+        _, _, shown = self.run_on_terminal('play', fake('buffer 40', *steps_of_a_second()))
+        self.assertIn('buffer 40%', shown)
 
     def test_without_utf_8_the_bar_is_plain(self):
         self.environment['LC_ALL'] = 'C'
