@@ -11,6 +11,7 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <utility>
 
 namespace zel {
 
@@ -56,6 +57,9 @@ HTTPClient::~HTTPClient()
 bool HTTPClient::open(const CStdStr<char>& url, streamer::Error* error)
 {
     const Operation operation(*this);
+    if (m_closing) {
+        return false; // nor is the ring touched, which close() has woken everybody of
+    }
     {
         PReadGuard guard(m_lock);
         if (isComplete() && !resetConnection()) {
@@ -67,11 +71,7 @@ bool HTTPClient::open(const CStdStr<char>& url, streamer::Error* error)
         m_url = url;
     }
     m_dataReceived = false;
-    {
-        PWriteGuard guard(m_lock);
-        delete m_requestHandler;
-        m_requestHandler = getRequestHandler();
-    }
+    replaceHandler();
     PReadGuard guard(m_lock);
     if (!isComplete() || !clearStop()) {
         return false;
@@ -95,6 +95,33 @@ bool HTTPClient::open(const CStdStr<char>& url, streamer::Error* error)
     readStreamHeaders();
     m_openTime = static_cast<unsigned int>(uptimeMs());
     return true;
+}
+
+/// A seek on another thread may have started the former handler's transfer again. It ends outside
+/// the lock, whose read side that transfer's thread may still want.
+void HTTPClient::replaceHandler()
+{
+    HTTPRequestHandler* former = nullptr;
+    {
+        PWriteGuard guard(m_lock);
+        former = std::exchange(m_requestHandler, getRequestHandler());
+    }
+    if (former == nullptr) {
+        return;
+    }
+    m_stopEvent.signal(m_stopped);
+    {
+        PReadGuard guard(m_lock);
+        if (m_buffer != nullptr) {
+            m_buffer->reset();
+        }
+    }
+    delete former;
+    PMutexGuard writeGuard(m_writeLock);
+    PReadGuard guard(m_lock);
+    if (m_buffer != nullptr) {
+        m_buffer->flush();
+    }
 }
 
 void HTTPClient::readStreamHeaders()
@@ -162,6 +189,13 @@ bool HTTPClient::close()
         }
     }
     awaitOperations();
+    {
+        // And at last, since a reset within one of those has opened the ring too.
+        PReadGuard guard(m_lock);
+        if (m_buffer != nullptr) {
+            m_buffer->close();
+        }
+    }
 
     HTTPRequestHandler* handler = nullptr;
     CircularHistoryBuffer* buffer = nullptr;
@@ -203,11 +237,12 @@ void HTTPClient::awaitOperations()
 
 bool HTTPClient::clearStop()
 {
-    m_stopEvent.reset(m_stopped);
+    // Under the event's lock, which close() takes behind its mark: nobody sees a closed client go.
+    PMutexGuard guard(m_stopEvent);
     if (m_closing) {
-        m_stopEvent.signal(m_stopped);
         return false;
     }
+    m_stopped = false;
     return true;
 }
 
@@ -388,7 +423,7 @@ long long HTTPClient::seekUsingInternalBuffer(long long offset, int whence, long
                                                  m_reader->availableToRead() + margin);
     const auto target = static_cast<unsigned long long>(offset);
     while (isSeekTargetAhead(target, limit)) {
-        if (m_buffer->availableToWrite() == 0 && !makeRoomAhead()) {
+        if (m_buffer->availableToWrite() == 0 && !makeRoomAhead(target)) {
             break;
         }
         if (m_stopEvent.timedWait(m_stopped, absoluteTimeAfter(seekPollMs)) == 0) {
@@ -408,15 +443,19 @@ bool HTTPClient::isSeekTargetAhead(unsigned long long offset, unsigned int limit
 }
 
 /// A full ring would hold a transfer that somebody waits for. Where a request cannot help either,
-/// the reader passes over what it holds, all of which lies before the target.
-/// @return false when a request is the better way
-bool HTTPClient::makeRoomAhead()
+/// the reader passes over what it holds before the target.
+/// @return false when a request is the better way, or the stream ends before the target
+bool HTTPClient::makeRoomAhead(unsigned long long target)
 {
     const unsigned long long held = m_reader->availableToRead();
     if (m_requestHandler->canSeek() || held < 2) {
         return false;
     }
-    m_reader->seek(m_reader->getGlobalOffset() + held - 1);
+    if (m_contentLength != 0 && target >= m_contentLength) {
+        return false;
+    }
+    // By now the ring may hold the target itself.
+    m_reader->seek(std::min(target, m_reader->getGlobalOffset() + held - 1));
     m_buffer->hasReadData();
     return true;
 }

@@ -128,6 +128,8 @@ protected:
     };
 
     long long seekUsingInternalBuffer(long long offset, int whence, long long timeMs);
+    /// Makes a new handler and ends the one before it.
+    void replaceHandler() ZEL_EXCLUDES(m_lock);
     /// Ends the transfer and empties the ring. Under the read side of m_lock, with all there.
     /// @return false when the client is being closed
     bool resetConnection();
@@ -141,7 +143,7 @@ protected:
     void readStreamHeaders();
     void logBufferStatus(unsigned long long size);
     CStdStr<char> getProductName();
-    bool makeRoomAhead();
+    bool makeRoomAhead(unsigned long long target);
     bool isSeekTargetAhead(unsigned long long offset, unsigned int limit);
     bool isComplete() const
     {
