@@ -61,7 +61,11 @@ ScopedPlaces::ScopedPlaces(const TempFolder& folder)
 std::string readFile(const std::string& path)
 {
     std::ifstream file(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    try {
+        return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    } catch (const std::ios_base::failure&) {
+        return {}; // such as that of a thread that has ended by now
+    }
 }
 
 void writeFile(const std::string& path, const std::string& bytes)

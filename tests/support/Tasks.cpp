@@ -1,0 +1,22 @@
+#include "tests/support/Tasks.h"
+
+#include <filesystem>
+#include <iterator>
+#include <thread>
+
+namespace zel::test {
+
+std::size_t taskCount()
+{
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
+}
+
+void awaitTaskCount(std::size_t count)
+{
+    while (taskCount() > count) {
+        std::this_thread::yield();
+    }
+}
+
+} // namespace zel::test
