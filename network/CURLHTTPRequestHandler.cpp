@@ -60,14 +60,7 @@ bool CURLHTTPRequestHandler::open(CStdStr<char> url)
     if (start(closesSeen) && m_statusCode == 200) {
         return true;
     }
-    // At once: the sink of a refused body may have no reader yet, and the write side below is only
-    // to be had when the transfer has ended.
-    abortTransfer();
-    {
-        PWriteGuard guard(m_lock);
-        delete m_request;
-        m_request = nullptr;
-    }
+    endTransfer();
     CBBLog::debug("CURLHTTPRequestHandler[%d]::open failed statusCode: %d", m_id,
                   m_statusCode.load());
     return false;
@@ -139,10 +132,9 @@ bool CURLHTTPRequestHandler::start(unsigned int closesSeen)
     return true;
 }
 
-/// Under the write side of m_lock.
+/// Under the write side of m_lock, with no request left from before.
 void CURLHTTPRequestHandler::setUpRequest()
 {
-    delete std::exchange(m_request, nullptr);
     auto request = std::make_unique<cURL::Request>();
     const CStdStr<char> header = additionalHeader();
     {
@@ -227,7 +219,7 @@ void CURLHTTPRequestHandler::endTransfer()
         stopTransfer();
         return; // it cannot wait for itself
     }
-    // One at a time: a start behind another's end would keep the write side from this one.
+    // One at a time: what follows must find the transfer that it has stopped, not a later one.
     PMutexGuard endGuard(m_endLock);
     stopTransfer();
     if (PThread* thread = currentThread()) {
@@ -265,7 +257,6 @@ void CURLHTTPRequestHandler::abortTransfer()
 
 int CURLHTTPRequestHandler::performThread(void* /*argument*/)
 {
-    PReadGuard guard(m_lock);
     if (m_request == nullptr) {
         CBBLog::info("CURLHTTPRequestHandler[%d]::performThread : m_request is NULL!", m_id);
         return 0;

@@ -13,10 +13,9 @@ namespace zel {
 
 /// The handler of the HTTP and MMS clients, on libcurl.
 ///
-/// A request runs on a thread of its own, which holds the read side of `m_lock` for as long as the
-/// transfer lasts: whoever wants the write side ends the transfer first. close() on that very
-/// thread, from a callback, only stops the transfer; another close(), or the destructor, which must
-/// come from elsewhere, joins it.
+/// A request runs on a thread of its own and is deleted when that has been joined. close() on that
+/// very thread, from a callback, only stops the transfer; another close(), or the destructor, which
+/// must come from elsewhere, joins it.
 class CURLHTTPRequestHandler : public HTTPRequestHandler
 {
 public:
@@ -88,8 +87,8 @@ private:
     void takeStatus();
     void headersComplete();
 
-    /// Guarded by m_lock, whose holders the analysis cannot follow through libcurl's callbacks.
-    cURL::Request* m_request = nullptr; ///< owned
+    /// Owned. Guarded by m_lock for all threads but its own, which outlives nothing of it.
+    cURL::Request* m_request = nullptr;
     CStdStr<char> m_url ZEL_GUARDED_BY(m_textLock);
     PThread* m_thread = nullptr; ///< owned; guarded as m_request
     std::atomic<unsigned int> m_timeout{30000};

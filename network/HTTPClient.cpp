@@ -292,6 +292,8 @@ int HTTPClient::read(char* dst, unsigned long long size, int timeoutMs)
 
 long long HTTPClient::write(unsigned char* data, unsigned long long size)
 {
+    // In this order, for a reset holds m_lock already.
+    PReadGuard guard(m_lock);
     PMutexGuard writeGuard(m_writeLock);
     if (m_stopped) {
         return -1;
@@ -300,8 +302,7 @@ long long HTTPClient::write(unsigned char* data, unsigned long long size)
         const CallbackMark mark(m_callbackThread);
         return m_dataReadyCallback(data, size);
     }
-    PReadGuard guard(m_lock);
-    if (m_buffer == nullptr || m_stopped) {
+    if (m_buffer == nullptr) {
         return -1;
     }
     const auto length = static_cast<unsigned int>(size);
