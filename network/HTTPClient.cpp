@@ -117,8 +117,8 @@ void HTTPClient::replaceHandler()
         }
     }
     delete former;
-    PMutexGuard writeGuard(m_writeLock);
     PReadGuard guard(m_lock);
+    PMutexGuard writeGuard(m_writeLock);
     if (m_buffer != nullptr) {
         m_buffer->flush();
     }
