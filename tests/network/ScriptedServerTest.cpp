@@ -92,6 +92,16 @@ TEST(ScriptedServer, TellsTheScriptWhatWasAsked)
     EXPECT_TRUE(requests[0].head.ends_with("\r\n\r\n"));
 }
 
+TEST(ScriptedServer, TakesABodyThatComesInManyPieces)
+{
+    ScriptedServer server([](const ServerRequest& request, ServerConnection& connection) {
+        connection.respond(200, {}, std::to_string(request.body.size()));
+    });
+    const std::string body(120000, 'x');
+    EXPECT_EQ(fetched({"-H", "Expect:", "--data-binary", body, server.url()}), "120000");
+    EXPECT_TRUE(server.requests().at(0).body == body);
+}
+
 TEST(ScriptedServer, KeepsTheConnectionBehindAWholeAnswer)
 {
     ScriptedServer server(serveBytes(textContent("0123456789")));

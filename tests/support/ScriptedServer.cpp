@@ -245,12 +245,14 @@ private:
         parser.body_limit(std::numeric_limits<std::uint64_t>::max());
         while (!parser.is_done()) {
             boost::beast::error_code error;
-            m_received.erase(0, parser.put(boost::asio::buffer(m_received), error));
-            if (error == http::error::need_more) {
-                if (!readMore()) {
-                    return false;
-                }
-            } else if (error) {
+            const std::size_t used = parser.put(boost::asio::buffer(m_received), error);
+            m_received.erase(0, used);
+            if (error && error != http::error::need_more) {
+                return false;
+            }
+            // Within a body the parser takes nothing from nothing, and says no word of it.
+            const bool wantsMore = error || used == 0;
+            if (wantsMore && !parser.is_done() && !readMore()) {
                 return false;
             }
         }
