@@ -11,7 +11,6 @@
 #include <atomic>
 #include <boost/function.hpp>
 #include <map>
-#include <thread>
 
 namespace zel {
 
@@ -111,20 +110,27 @@ protected:
         HTTPClient& m_client;
     };
 
-    /// Marks the thread that is inside a callback of the owner.
+    /// Marks a thread as being inside a callback of a client's owner. Several threads may be, and
+    /// one thread in the callbacks of several clients.
     class CallbackMark
     {
     public:
-        explicit CallbackMark(std::atomic<std::thread::id>& thread) : m_thread(thread)
+        explicit CallbackMark(const HTTPClient& client) : m_client(client), m_outer(s_innermost)
         {
-            m_thread = std::this_thread::get_id();
+            s_innermost = this;
         }
-        ~CallbackMark() { m_thread = std::thread::id(); }
+        ~CallbackMark() { s_innermost = m_outer; }
         CallbackMark(const CallbackMark&) = delete;
         CallbackMark& operator=(const CallbackMark&) = delete;
 
+        /// Of the calling thread.
+        static bool isInside(const HTTPClient& client);
+
     private:
-        std::atomic<std::thread::id>& m_thread;
+        static thread_local const CallbackMark* s_innermost;
+
+        const HTTPClient& m_client;
+        const CallbackMark* m_outer; ///< not owned
     };
 
     long long seekUsingInternalBuffer(long long offset, int whence, long long timeMs);
@@ -181,7 +187,6 @@ protected:
     PMutex m_describedLock;
     PCondMutex m_operationsEvent;
     int m_operations ZEL_GUARDED_BY(m_operationsEvent) = 0;
-    std::atomic<std::thread::id> m_callbackThread{};
 };
 
 } // namespace zel
