@@ -6,6 +6,13 @@
 #include <algorithm>
 #include <utility>
 
+namespace {
+
+/// Between two looks of the destructor at the calls that still run, which is none but by mistake.
+constexpr int idlePollMs = 1;
+
+} // namespace
+
 CircularHistoryBuffer::Operation::Operation(CircularHistoryBuffer& buffer) : m_buffer(buffer)
 {
     // Before the mutex: who waits for it is already inside.
@@ -15,11 +22,17 @@ CircularHistoryBuffer::Operation::Operation(CircularHistoryBuffer& buffer) : m_b
 
 CircularHistoryBuffer::Operation::~Operation()
 {
-    if (m_buffer.m_operations.fetch_sub(1) == 1) {
-        m_buffer.m_idle.broadcast();
-    }
-    // The last touch: the destructor goes on when it has the mutex.
+    const bool wakeReaders = std::exchange(m_buffer.m_wakeReaders, false);
+    const bool wakeWriter = std::exchange(m_buffer.m_wakeWriter, false);
     m_buffer.m_mutex.unlock();
+    // Behind the mutex, on which they would go to sleep again.
+    if (wakeReaders) {
+        m_buffer.m_dataAvailable.broadcast();
+    }
+    if (wakeWriter) {
+        m_buffer.m_spaceAvailable.broadcast();
+    }
+    m_buffer.m_operations.fetch_sub(1); // the last touch
 }
 
 CircularHistoryBuffer::CircularHistoryBuffer(unsigned long long bufferSize,
@@ -27,7 +40,8 @@ CircularHistoryBuffer::CircularHistoryBuffer(unsigned long long bufferSize,
     : m_writePosition(0), m_totalBytesWritten(0), m_absoluteOffset(0), m_bufferSize(bufferSize),
       m_minimumHistorySize(minimumHistorySize), m_released(false), m_writeAborted(false),
       m_endOfStream(false), m_spaceAvailable(m_mutex), m_dataAvailable(m_mutex), m_handle(nullptr),
-      m_readProgressFlag(false), m_operations(0), m_idle(m_mutex)
+      m_readProgressFlag(false), m_wakeReaders(false), m_wakeWriter(false), m_writerWaits(false),
+      m_operations(0), m_idle(m_mutex)
 {
 }
 
@@ -37,7 +51,7 @@ CircularHistoryBuffer::~CircularHistoryBuffer()
     CircularHistoryBuffer::release();
     PMutexGuard guard(m_mutex);
     while (m_operations != 0) {
-        m_idle.wait(0);
+        m_idle.wait(idlePollMs);
     }
 }
 
@@ -64,7 +78,12 @@ long long CircularHistoryBuffer::doWrite(const unsigned char* data, unsigned lon
             return n < 0 ? -1 : stored + n;
         }
         if (room == 0) {
+            if (std::exchange(m_wakeReaders, false)) {
+                m_dataAvailable.broadcast();
+            }
+            m_writerWaits = true;
             m_spaceAvailable.wait(0);
+            m_writerWaits = false;
             if (m_writeAborted || m_released) {
                 return stored;
             }
@@ -120,8 +139,19 @@ long long CircularHistoryBuffer::store(const unsigned char* data, unsigned long 
     const auto moved = static_cast<unsigned long long>(n);
     m_totalBytesWritten += moved;
     m_writePosition = (position + moved) % m_bufferSize;
-    m_dataAvailable.broadcast();
+    wakeContentReaders();
     return n;
+}
+
+/// A reader that sleeps on for more would only wake to sleep again.
+void CircularHistoryBuffer::wakeContentReaders()
+{
+    for (const auto& [id, reader] : m_readers) {
+        reader->assumeLocked();
+        if (reader->m_wanted != 0 && reader->availableToReadLocked() >= reader->m_wanted) {
+            m_wakeReaders = true;
+        }
+    }
 }
 
 void CircularHistoryBuffer::close()

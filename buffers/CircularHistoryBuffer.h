@@ -98,6 +98,7 @@ protected:
     long long store(const unsigned char* data, unsigned long long size) ZEL_REQUIRES(m_mutex);
     void flushLocked() ZEL_REQUIRES(m_mutex);
     void setReadProgress();
+    void wakeContentReaders() ZEL_REQUIRES(m_mutex);
 
     unsigned long long availableToReadLocked() ZEL_REQUIRES(m_mutex);
     unsigned long long availableToWriteLocked() ZEL_REQUIRES(m_mutex);
@@ -125,6 +126,9 @@ protected:
 
     /// What release took out of m_readers; a call may be on its way into one of them.
     std::vector<std::unique_ptr<CircularHistoryBufferReader>> m_retired ZEL_GUARDED_BY(m_mutex);
-    std::atomic<unsigned> m_operations; ///< running; taken back with m_mutex held
-    PCondition m_idle;                  ///< on m_mutex; m_operations has become 0
+    bool m_wakeReaders ZEL_GUARDED_BY(m_mutex); ///< when the running operation leaves the mutex
+    bool m_wakeWriter ZEL_GUARDED_BY(m_mutex);  ///< as m_wakeReaders
+    bool m_writerWaits ZEL_GUARDED_BY(m_mutex); ///< for space
+    std::atomic<unsigned> m_operations;         ///< running
+    PCondition m_idle;                          ///< on m_mutex; lets the destructor wait
 };

@@ -68,7 +68,9 @@ unsigned long long CircularHistoryBufferReader::awaitMinimum(unsigned long long 
             }
             remainingMs = timeoutMs - static_cast<int>(elapsedMs);
         }
+        m_wanted = minimumSize;
         m_buffer->waitForData(remainingMs);
+        m_wanted = 0;
         if (m_released) {
             return 0;
         }
@@ -110,7 +112,8 @@ long long CircularHistoryBufferReader::take(unsigned char* dst, unsigned long lo
     }
     size = static_cast<unsigned long long>(n);
     m_absoluteReadPosition += size;
-    m_buffer->hasReadData();
+    m_buffer->m_wakeWriter = m_buffer->m_writerWaits;
+    m_buffer->setReadProgress();
     return n;
 }
 

@@ -68,6 +68,8 @@ private:
     CircularHistoryBuffer* m_buffer;                          ///< not owned
     BufferHandle* m_handle ZEL_GUARDED_BY(m_buffer->m_mutex); ///< owned
     unsigned m_id;                                            ///< key in the buffer's map
+    /// Bytes that a sleeping read waits for; 0 without one.
+    unsigned long long m_wanted ZEL_GUARDED_BY(m_buffer->m_mutex) = 0;
     /// Written with the buffer's mutex held; what is asked for without it is an estimate.
     std::atomic<bool> m_released;
     std::atomic<unsigned long long> m_absoluteReadPosition; ///< stream offset of the next byte
