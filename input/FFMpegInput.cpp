@@ -1,6 +1,8 @@
 #include "input/FFMpegInput.h"
 
+#include "common/utils/CallbackMark.h"
 #include "input/FFMpegDecoderCore.h"
+#include "network/HTTPClient.h"
 
 #include <boost/filesystem.hpp>
 #include <boost/make_shared.hpp>
@@ -78,10 +80,10 @@ bool FFMpegInput::open(const MediumDescription* medium, Error* error, EncoderEng
     CBBLog::info("FFMpegInput::open(%s)", m_url.c_str());
     createDecoder(medium);
 
-    // Sources over the network come here: each opens the medium through a client and leaves
-    // `result` at 0 or above, or declines and leaves it as it is.
     int result = -1;
-
+    if (!openThroughClient(medium, error, result)) {
+        return false;
+    }
     if (m_running && result < 0) {
         result = openDirectly(medium);
     }
@@ -107,6 +109,7 @@ void FFMpegInput::useClassLog()
 void FFMpegInput::createDecoder(const MediumDescription* medium)
 {
     deleteDecoder(); // of an open without a close in between
+    deleteClient();
     auto decoder = std::make_unique<FFMpegDecoderCore>();
     decoder->m_decoderThreads = std::atoi(propertyOf(medium, "decoderThreads").c_str());
     if (m_skipAudio) {
@@ -153,6 +156,7 @@ int FFMpegInput::openDirectly(const MediumDescription* medium)
 bool FFMpegInput::fail(int result, Error* error)
 {
     deleteDecoder();
+    deleteClient();
     if (error != nullptr) {
         error->setCode(ErrorCannotRender);
         error->setMessage("FFMpeg input: File could not be rendered.");
@@ -167,7 +171,9 @@ bool FFMpegInput::applyDuration(const MediumDescription* medium)
     if (m_decoder == nullptr) {
         return false;
     }
-    if (useMediumDuration(m_decoder, medium)) {
+    if (m_client != nullptr) {
+        applyClientDuration();
+    } else if (useMediumDuration(m_decoder, medium)) {
         CBBLog::debug("FFMpegInput::open(): override duration using medium info %u",
                       static_cast<unsigned int>(medium->getDuration()));
         m_decoder->setDuration(medium->getDuration());
@@ -201,13 +207,20 @@ int FFMpegInput::close()
     // On behalf of the destructor this is the class's own stop, which is all there is to stop then.
     stop(); // NOLINT(clang-analyzer-optin.cplusplus.VirtualCall)
     {
-        // A reader inside the core holds the read side; closing the core first makes it leave.
+        // A reader inside client or core holds the read side; closing these first makes it leave.
         const PReadGuard guard(m_lock);
+        if (m_client != nullptr) {
+            m_client->close();
+        }
         if (m_decoder != nullptr) {
             m_decoder->close();
         }
     }
+    if (zel::CallbackMark::isInside(this)) {
+        return Result::Accepted; // this is a thread that the client's end would wait for
+    }
     deleteDecoder();
+    deleteClient();
     return Result::Accepted;
 }
 
@@ -225,8 +238,15 @@ bool FFMpegInput::isSeekable()
 void FFMpegInput::getMediumDescription(MediumDescription* out)
 {
     const PReadGuard guard(m_lock);
-    if (m_decoder != nullptr) {
-        m_decoder->getMediumDescription(out);
+    if (m_decoder == nullptr) {
+        return;
+    }
+    m_decoder->getMediumDescription(out);
+    if (m_client != nullptr && !m_client->canSeek()) {
+        out->setSeekable(false);
+    }
+    if (m_client != nullptr && m_client->getStreamID() > 0) {
+        out->setProperty("ZelStreamID", std::to_string(m_client->getStreamID()).c_str());
     }
 }
 

@@ -3,22 +3,30 @@
 #include "common/utils/CBBLog.h"
 #include "common/utils/Locks.h"
 #include "common/utils/StdString.h"
+#include "network/ConnectionEvent.h"
 #include "plugin/StreamInterfaces.h"
 
 #include <boost/shared_ptr.hpp>
 #include <boost/weak_ptr.hpp>
 
 #include <atomic>
+#include <map>
 #include <memory>
 
 class FFMpegDecoderCore;
+namespace zel {
+class HTTPClient;
+}
 
 /// The input plug-in: opens a medium and yields its frames and metadata.
 ///
 /// Job: decides where the bytes of a medium come from, and drives a decoder core with them.
 /// Owner: the host, which gets it from InputPluginFactory and ends it through the destructor.
 /// Threads: any call on any thread at any time. readFrame runs on one host thread, control calls on
-/// others. Lock order: m_openLock, m_lock, m_readLock, the stop event, then those of the core.
+/// others. Input events reach the host on a thread of the client, with no lock held: the host may
+/// call back, close() included, which then ends the medium and leaves the rest to the next call of
+/// close() or open(), or to the destructor; the destructor itself must not run there.
+/// Lock order: m_openLock, m_lock, m_readLock, the stop event, then those of the client or core.
 class FFMpegInput : public zel::streamer::InputPluginInterface
 {
 public:
@@ -65,10 +73,27 @@ public:
 
     /// The demuxer's name for a file extension; an extension without a rule stands for itself.
     static const char* getFFMpegFormatFromExtension(const char* extension);
+    /// Whether a medium is fetched as MMS over HTTP, or by progressive download.
+    /// @param protocol  with its separator, such as "http://", in any case
+    static bool isMMSHSupported(CStdStr<char> protocol, CStdStr<char> extension);
+    static bool isProgressiveDownloadSupported(CStdStr<char> protocol, CStdStr<char> extension);
 
     /// Whether the host's catalogue knows the duration better than the demuxer.
     bool useMediumDuration(FFMpegDecoderCore* decoder,
                            const zel::streamer::MediumDescription* medium);
+
+protected:
+    /// What the demuxer asks for when a client fetches the medium; on the thread that is inside the
+    /// decoder core.
+    /// @return bytes; 0 at the end, and after ten seconds without any during an open or a seek; -1
+    ///         when stopped
+    int HTTPReadCallback(unsigned char* buffer, int size);
+    /// @return the new position, or the size; -1 on failure
+    long long HTTPSeekCallback(long long offset, int whence);
+    /// What a client tells, on one of its threads.
+    void connectionEventCallback(zel::ConnectionEvent::ConnectionEvent event);
+    /// New metadata whose place in the stream the reader has reached; on the reading thread.
+    void _MMSHMetadataCallback(const std::map<CStdStr<char>, CStdStr<char>>& table);
 
 private:
     /// Raises m_opening for a scope: no event passes to the host meanwhile.
@@ -93,12 +118,31 @@ private:
     bool applyDuration(const zel::streamer::MediumDescription* medium);
     bool fail(int result, zel::streamer::Error* error);
 
+    bool openThroughClient(const zel::streamer::MediumDescription* medium,
+                           zel::streamer::Error* error, int& result);
+    bool openOverMMSH(const zel::streamer::MediumDescription* medium, zel::streamer::Error* error,
+                      int& result);
+    bool openProgressively(const zel::streamer::MediumDescription* medium,
+                           zel::streamer::Error* error, int& result);
+    int initFromClient(const zel::streamer::MediumDescription* medium) ZEL_REQUIRES_SHARED(m_lock);
+    void applyClientDuration() ZEL_REQUIRES_SHARED(m_lock);
+    void setClient(std::unique_ptr<zel::HTTPClient> client);
+    void deleteClient();
+    void listenToClient() ZEL_REQUIRES_SHARED(m_lock);
+    static int _HTTPReadCallback(void* opaque, unsigned char* buffer, int size);
+    static long long _HTTPSeekCallback(void* opaque, long long offset, int whence);
+    int readFromClient(unsigned char* buffer, int size) ZEL_REQUIRES_SHARED(m_lock);
+    static bool isTail(long long offset, unsigned long long length, long long seekTarget);
+    void flushNetworkBuffer() ZEL_REQUIRES_SHARED(m_lock);
+    static void _connectionEventCallback(zel::ConnectionEvent::ConnectionEvent event, void* data);
+
     std::atomic<bool> m_running{false};
     CStdStr<char> m_url;                                           // touched by open alone
     FFMpegDecoderCore* m_decoder ZEL_GUARDED_BY(m_lock) = nullptr; // owned
     boost::shared_ptr<CBBLog> m_logger;
     std::atomic<unsigned long long> m_lastReadLog{0}; // milliseconds
     PReadWriteLock m_lock;
+    zel::HTTPClient* m_client ZEL_GUARDED_BY(m_lock) = nullptr; // owned; null for local media
     std::atomic<bool> m_opening{false};
     std::atomic<long long> m_seekTarget{-1}; // milliseconds
     PMutex m_readLock;

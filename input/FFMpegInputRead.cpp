@@ -2,6 +2,7 @@
 
 #include "common/utils/Clock.h"
 #include "input/FFMpegDecoderCore.h"
+#include "network/HTTPClient.h"
 
 #include <exception>
 
@@ -107,8 +108,10 @@ int FFMpegInput::setTimePosition(unsigned long long positionMs)
         return Result::NotPossible;
     }
 
-    // A client that cannot seek refuses here.
-
+    if (m_client != nullptr && !m_client->canSeek()) {
+        CBBLog::info("FFMpegInput::setPosition(): protocol is not seekable");
+        return Result::NotPossible;
+    }
     CBBLog::info("FFMpegInput::setPosition(): %ums", static_cast<unsigned int>(positionMs));
     m_seekTarget = static_cast<long long>(positionMs);
     const bool done = m_decoder->setPosition(positionMs);
@@ -132,8 +135,9 @@ int FFMpegInput::resetPosition(unsigned long long positionMs)
     CBBLog::info("FFMpegInput::resetPosition(): %ums", static_cast<unsigned int>(positionMs));
     m_decoder->flush(positionMs);
 
-    // The network buffer is flushed here.
-
+    if (m_client != nullptr) {
+        flushNetworkBuffer();
+    }
     m_lastReadLog = 0;
     CBBLog::info("FFMpegInput::resetPosition(): done");
     return Result::Done;
@@ -159,9 +163,10 @@ bool FFMpegInput::setVideoDecodingMode(DecodingMode::Enum mode)
     return m_decoder != nullptr && m_decoder->setVideoDecodingMode(mode);
 }
 
-bool FFMpegInput::getInputBufferStatus(unsigned int& /*percent*/)
+bool FFMpegInput::getInputBufferStatus(unsigned int& percent)
 {
-    return false; // a local file has no input buffer
+    const PReadGuard guard(m_lock);
+    return m_client != nullptr && m_client->getBufferStatus(percent);
 }
 
 void FFMpegInput::setInputEventCallback(void (*callback)(Enum, int, int, void*), void* data)
@@ -174,6 +179,9 @@ void FFMpegInput::setInputEventCallback(void (*callback)(Enum, int, int, void*),
     const PReadGuard guard(m_lock);
     if (m_decoder != nullptr) {
         m_decoder->setMetadataCallback(&_metadataChangedEventCallback, this);
+    }
+    if (m_client != nullptr) {
+        listenToClient();
     }
 }
 

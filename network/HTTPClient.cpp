@@ -39,17 +39,6 @@ HTTPClient::Operation::~Operation()
     m_client.m_operationsEvent.broadcast();
 }
 
-thread_local const HTTPClient::CallbackMark* HTTPClient::CallbackMark::s_innermost = nullptr;
-
-bool HTTPClient::CallbackMark::isInside(const HTTPClient& client)
-{
-    const CallbackMark* mark = s_innermost;
-    while (mark != nullptr && &mark->m_client != &client) {
-        mark = mark->m_outer;
-    }
-    return mark != nullptr;
-}
-
 HTTPClient::HTTPClient(unsigned int bufferSize, unsigned int minimumHistorySize)
     : m_buffer(CircularMemoryHistoryBuffer::create(bufferSize, minimumHistorySize)),
       m_reader(m_buffer->getReader()), m_bufferSize(bufferSize),
@@ -190,7 +179,7 @@ bool HTTPClient::close()
         if (m_requestHandler != nullptr) {
             m_requestHandler->close();
         }
-        if (CallbackMark::isInside(*this)) {
+        if (CallbackMark::isInside(this)) {
             return true; // this thread is the one that a full close would wait for
         }
         if (m_buffer != nullptr) {
@@ -311,7 +300,7 @@ long long HTTPClient::write(unsigned char* data, unsigned long long size)
         return -1;
     }
     if (m_dataReadyCallback) {
-        const CallbackMark mark(*this);
+        const CallbackMark mark(this);
         return m_dataReadyCallback(data, size);
     }
     if (m_buffer == nullptr) {
@@ -360,7 +349,7 @@ void HTTPClient::fireConnectionEvent(ConnectionEvent::ConnectionEvent event)
         }
     }
     if (const ConnectionEventCallback callback = m_connectionEventCallback) {
-        const CallbackMark mark(*this);
+        const CallbackMark mark(this);
         callback(event, m_connectionEventData);
     }
 }

@@ -2,6 +2,7 @@
 
 #include "buffers/CircularHistoryBuffer.h"
 #include "buffers/CircularHistoryBufferReader.h"
+#include "common/utils/CallbackMark.h"
 #include "common/utils/Locks.h"
 #include "common/utils/StdString.h"
 #include "network/ConnectionEvent.h"
@@ -108,29 +109,6 @@ protected:
 
     private:
         HTTPClient& m_client;
-    };
-
-    /// Marks a thread as being inside a callback of a client's owner. Several threads may be, and
-    /// one thread in the callbacks of several clients.
-    class CallbackMark
-    {
-    public:
-        explicit CallbackMark(const HTTPClient& client) : m_client(client), m_outer(s_innermost)
-        {
-            s_innermost = this;
-        }
-        ~CallbackMark() { s_innermost = m_outer; }
-        CallbackMark(const CallbackMark&) = delete;
-        CallbackMark& operator=(const CallbackMark&) = delete;
-
-        /// Of the calling thread.
-        static bool isInside(const HTTPClient& client);
-
-    private:
-        static thread_local const CallbackMark* s_innermost;
-
-        const HTTPClient& m_client;
-        const CallbackMark* m_outer; ///< not owned
     };
 
     long long seekUsingInternalBuffer(long long offset, int whence, long long timeMs);

@@ -207,7 +207,7 @@ bool MMSHClient::close()
     m_headerEvent.signal(m_headerHandled);
     m_receivedEOF = true;
     HTTPClient::close();
-    if (CallbackMark::isInside(*this)) {
+    if (CallbackMark::isInside(this)) {
         return true; // this may be one of the threads below
     }
     stopKeepAlive();
@@ -247,7 +247,7 @@ void MMSHClient::deliverMetadata()
         m_metadata.erase(m_metadata.begin(), end);
     }
     if (m_metadataCallback) {
-        const CallbackMark mark(*this);
+        const CallbackMark mark(this);
         m_metadataCallback(due);
     }
 }

@@ -475,7 +475,7 @@ TEST_F(FFMpegInputTest, CloseDuringAnOpenEndsIt)
 {
     LoopbackListener listener;
     bool opened = true;
-    std::thread opener([&] { opened = open("http://127.0.0.1:" + listener.port() + "/a.mp4"); });
+    std::thread opener([&] { opened = open("http://127.0.0.1:" + listener.port() + "/a.mkv"); });
     listener.waitForConnection();
     EXPECT_EQ(input->close(), 1);
     opener.join();
