@@ -219,29 +219,32 @@ void CURLHTTPRequestHandler::endTransfer()
         stopTransfer();
         return; // it cannot wait for itself
     }
-    // One at a time: what follows must find the transfer that it has stopped, not a later one.
+    // One at a time, since the thread that is joined must not be deleted meanwhile.
     PMutexGuard endGuard(m_endLock);
-    stopTransfer();
-    if (PThread* thread = currentThread()) {
+    PThread* const thread = stopTransfer();
+    if (thread != nullptr) {
         thread->join();
     }
     PWriteGuard guard(m_lock);
+    if (m_thread != thread) {
+        return; // another transfer, which has begun behind this end
+    }
     delete std::exchange(m_thread, nullptr);
     delete std::exchange(m_request, nullptr);
     m_closed = true;
 }
 
-PThread* CURLHTTPRequestHandler::currentThread()
+/// All at once, so that a transfer is stopped either wholly or, when it begins later, not at all.
+/// @return the thread of what was stopped; null without one
+PThread* CURLHTTPRequestHandler::stopTransfer()
 {
     PReadGuard guard(m_lock);
-    return m_thread;
-}
-
-void CURLHTTPRequestHandler::stopTransfer()
-{
     m_stopEvent.signal(m_stopped);
     m_headerEvent.signal(m_headersIn);
-    abortTransfer();
+    if (m_request != nullptr) {
+        m_request->abort();
+    }
+    return m_thread;
 }
 
 void CURLHTTPRequestHandler::abortTransfer()

@@ -77,8 +77,7 @@ private:
     void setUpRequest();
     CStdStr<char> additionalHeader();
     void endTransfer();
-    PThread* currentThread();
-    void stopTransfer();
+    PThread* stopTransfer();
     void abortTransfer();
     bool isTransferThread() const { return m_transferThread == std::this_thread::get_id(); }
 
