@@ -256,7 +256,11 @@ bool HTTPClient::resetConnection()
         PMutexGuard guard(m_writeLock);
         m_buffer->reset();
     }
-    return clearStop();
+    if (!clearStop()) {
+        m_buffer->close(); // close() has woken everybody of it, and may not do so again
+        return false;
+    }
+    return true;
 }
 
 // -------------------------------------------------------------------------------------------------
