@@ -44,9 +44,20 @@ MMSHClient::~MMSHClient()
 bool MMSHClient::open(const CStdStr<char>& url, streamer::Error* error)
 {
     const Operation operation(*this);
-    if (!endEarlierStream()) {
-        return false;
+    if (m_closing) {
+        return false; // nor is the ring touched, which close() has woken everybody of
     }
+    claimConnection(ConnectionHolder::OPEN);
+    const bool opened = endTransferAndStop() && openStream(url, error);
+    if (!opened) {
+        endTransferAndStop(); // nobody is to read what such a server may still send
+    }
+    releaseConnection(opened);
+    return opened;
+}
+
+bool MMSHClient::openStream(const CStdStr<char>& url, streamer::Error* error)
+{
     {
         PMutexGuard guard(m_describedLock);
         m_url = url;
@@ -57,53 +68,40 @@ bool MMSHClient::open(const CStdStr<char>& url, streamer::Error* error)
     m_bytesReceived = 0;
     m_headerWritten = false;
     m_dataReceived = false;
-    m_seeking = true; // an end before the header is this thread's matter
     m_streamStart = 0;
     dropMetadata();
-    {
-        PWriteGuard guard(m_lock);
-        delete m_requestHandler;
-        m_requestHandler = getRequestHandler();
-    }
+    replaceHandler();
     m_headerEvent.reset(m_headerHandled);
     m_headerEvent.reset(m_transferOver);
 
     unsigned int timeoutMs = 0;
-    bool answered = false;
     {
         PReadGuard guard(m_lock);
-        if (!isComplete()) {
-            m_seeking = false;
+        if (!isComplete() || !requestStream(url, error)) {
             return false;
         }
-        answered = requestStream(url, error);
         timeoutMs = m_requestHandler->getTimeout();
     }
-    if (answered && !awaitHeader(static_cast<int>(std::min(timeoutMs, 0x7fffffffU)))) {
-        answered = false;
+    if (!awaitHeader(static_cast<int>(std::min(timeoutMs, 0x7fffffffU)))) {
         setCode(error);
         if (!m_closing) {
             CBBLog::error("MMSHClient::open: header not received in time");
         }
+        return false;
     }
-    if (!answered) {
-        endEarlierStream(); // nobody is to read what such a server may still send
-    } else {
-        CBBLog::info("MMSHClient::open: succeeded -- seekable %d - live %d - timeout %u",
-                     static_cast<int>(m_seekable), static_cast<int>(m_live), timeoutMs);
-    }
-    connectionReplaced(answered);
-    return answered;
+    CBBLog::info("MMSHClient::open: succeeded -- seekable %d - live %d - timeout %u",
+                 static_cast<int>(m_seekable), static_cast<int>(m_live), timeoutMs);
+    return true;
 }
 
-/// Without any event, its recovery included.
+/// Without any event.
 /// @return false when the client is being closed
-bool MMSHClient::endEarlierStream()
+bool MMSHClient::endTransferAndStop()
 {
-    m_stopEvent.signal(m_stopped); // from here on no recovery begins
-    stopRecovery();
     PReadGuard guard(m_lock);
-    return isComplete() ? resetConnection() : clearStop();
+    const bool mayGoOn = isComplete() ? resetConnection() : clearStop();
+    forgetEnds();
+    return mayGoOn;
 }
 
 /// The first request, up to the headers of its answer.
@@ -310,14 +308,10 @@ long long MMSHClient::seekUsingMMSHRequest(long long offset, int whence, long lo
     if (!m_seekable) {
         return offset;
     }
-    if (!beginSeek(offset)) {
-        return -1;
-    }
-    const bool succeeded = performMMSHSeek(offset, timeMs);
-    if (!finishSeek(succeeded)) {
-        return -1;
-    }
-    return offset;
+    claimConnection(ConnectionHolder::SEEK);
+    const bool succeeded = beginSeek(offset) && finishSeek(performMMSHSeek(offset, timeMs));
+    releaseConnection(succeeded);
+    return succeeded ? offset : -1;
 }
 
 /// What lies so near the end that it is not worth a new stream: libavformat looks there for an
@@ -336,22 +330,18 @@ bool MMSHClient::isTailRequest(long long offset)
     return true;
 }
 
-/// Ends the connection and its recovery, and makes the ring ready for another position.
+/// Ends the connection and makes the ring ready for another position.
 bool MMSHClient::beginSeek(long long offset)
 {
-    m_seeking = true; // from here on no recovery begins
     m_receivedEOF = false;
-    stopRecovery();
     PReadGuard guard(m_lock);
-    if (!isComplete()) {
-        m_seeking = false;
+    if (m_stopped || !isComplete()) {
         return false;
     }
     if (m_reader->hasReachedEOF()) {
         m_contentLength = 0;
     }
     if (!resetConnection()) {
-        m_seeking = false;
         return false;
     }
     m_bytesReceived = 0;
@@ -364,37 +354,19 @@ bool MMSHClient::beginSeek(long long offset)
 /// @return `succeeded`
 bool MMSHClient::finishSeek(bool succeeded)
 {
-    {
-        PReadGuard guard(m_lock);
-        if (!succeeded) {
-            CBBLog::warn("MMSHClient::seek : seek failed");
-            if (m_requestHandler != nullptr) {
-                m_requestHandler->close(); // it ends before its end would be an event
-            }
-        } else {
-            CBBLog::debug("MMSHClient::seek - seeked with request");
-            if (m_contentLength == 0 && m_requestHandler != nullptr) {
-                m_contentLength = m_requestHandler->getContentLength();
-            }
+    PReadGuard guard(m_lock);
+    if (!succeeded) {
+        CBBLog::warn("MMSHClient::seek : seek failed");
+        if (m_requestHandler != nullptr) {
+            m_requestHandler->close(); // it ends before its end would be an event
         }
+        return false;
     }
-    connectionReplaced(succeeded);
-    return succeeded;
-}
-
-/// Transfers' ends count again, also one that has come already.
-void MMSHClient::connectionReplaced(bool succeeded)
-{
-    bool ended = false;
-    {
-        PMutexGuard guard(m_recoverEvent);
-        m_seeking = false;
-        ended = succeeded && m_endedWhileSeeking;
-        m_endedWhileSeeking = false;
+    CBBLog::debug("MMSHClient::seek - seeked with request");
+    if (m_contentLength == 0 && m_requestHandler != nullptr) {
+        m_contentLength = m_requestHandler->getContentLength();
     }
-    if (ended) {
-        endOfFileCallback(); // it was faster than this thread
-    }
+    return true;
 }
 
 } // namespace zel

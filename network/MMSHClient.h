@@ -122,7 +122,8 @@ private:
     bool isListed(unsigned int id) const;
     bool listStream(unsigned int id, unsigned int type);
 
-    bool endEarlierStream();
+    bool openStream(const CStdStr<char>& url, streamer::Error* error);
+    bool endTransferAndStop();
     bool requestStream(const CStdStr<char>& url, streamer::Error* error)
         ZEL_REQUIRES_SHARED(m_lock);
     bool speaksMMSH() ZEL_REQUIRES_SHARED(m_lock);
@@ -133,19 +134,29 @@ private:
     bool isTailRequest(long long offset) ZEL_REQUIRES_SHARED(m_lock);
     bool beginSeek(long long offset);
     bool finishSeek(bool succeeded);
-    void connectionReplaced(bool succeeded);
     void deliverMetadata();
     void dropMetadata();
 
+    /// Who may send requests for the stream, and who gives way to whom.
+    enum class ConnectionHolder
+    {
+        NOBODY,
+        RECOVERY,
+        SEEK,
+        OPEN
+    };
+    void claimConnection(ConnectionHolder wanted);
+    void releaseConnection(bool succeeded);
+    void leaveConnectionLocked() ZEL_REQUIRES(m_recoverEvent);
+
     bool noteEndWhileSeeking();
     void endTransfer() ZEL_REQUIRES_SHARED(m_lock);
+    void forgetEnds();
     void recoverStream();
     bool resumeStream();
     bool countAttempt();
     bool isResumed();
-    void endResuming();
     bool takeBreak();
-    void stopRecovery();
     bool isRecoveryOff() const { return m_stopped || m_cancelRecovery; }
     void joinRecovery();
     bool awaitKeepAlive();
@@ -159,7 +170,8 @@ private:
     std::atomic<unsigned long long> m_streamStart{0}; ///< offset of the last reset of the ring
     PCondMutex m_recoverEvent;                        ///< guards the following
     bool m_recovering ZEL_GUARDED_BY(m_recoverEvent) = false; ///< the thread looks for breaks
-    bool m_resuming ZEL_GUARDED_BY(m_recoverEvent) = false;   ///< it may use the handler
+    ConnectionHolder m_holder ZEL_GUARDED_BY(m_recoverEvent) = ConnectionHolder::NOBODY;
+    int m_seekers ZEL_GUARDED_BY(m_recoverEvent) = 0; ///< opens and seeks that want or have it
     bool m_brokenAgain ZEL_GUARDED_BY(m_recoverEvent) = false;
     bool m_endedWhileSeeking ZEL_GUARDED_BY(m_recoverEvent) = false;
     int m_retries ZEL_GUARDED_BY(m_recoverEvent) = 0;

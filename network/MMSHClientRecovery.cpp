@@ -69,12 +69,67 @@ bool MMSHClient::noteEndWhileSeeking()
 }
 
 // -------------------------------------------------------------------------------------------------
+// Whose turn it is with the connection.
+
+/// Waits for it. Recovery gives way to everybody and a seek to an open: their requests are ended
+/// again and again, since a close that comes between two steps of theirs may find nothing to end.
+/// From here on no recovery begins.
+void MMSHClient::claimConnection(ConnectionHolder wanted)
+{
+    PMutexGuard guard(m_recoverEvent);
+    ++m_seekers;
+    m_seeking = true;
+    m_cancelRecovery = true;
+    while (m_holder != ConnectionHolder::NOBODY) {
+        if (m_holder < wanted) {
+            guard.unlock();
+            {
+                PReadGuard readGuard(m_lock);
+                if (m_requestHandler != nullptr) {
+                    m_requestHandler->close();
+                }
+            }
+            guard.lock();
+        }
+        if (m_holder != ConnectionHolder::NOBODY) {
+            m_recoverEvent.timedWait(absoluteTimeAfter(closePollMs));
+        }
+    }
+    m_holder = wanted;
+    m_brokenAgain = false;
+    m_bytesAtBreak = 0;
+}
+
+/// Transfers' ends count again, also one that has come already.
+void MMSHClient::releaseConnection(bool succeeded)
+{
+    bool ended = false;
+    {
+        PMutexGuard guard(m_recoverEvent);
+        m_holder = ConnectionHolder::NOBODY;
+        --m_seekers;
+        m_seeking = m_seekers > 0;
+        ended = succeeded && !m_seeking && m_endedWhileSeeking;
+        m_endedWhileSeeking = false;
+        m_recoverEvent.broadcast();
+    }
+    if (ended) {
+        endOfFileCallback(); // it was faster than this thread
+    }
+}
+
+// -------------------------------------------------------------------------------------------------
 // A new request in the same stream.
 
 /// Without leaving any trace of its end.
 void MMSHClient::endTransfer()
 {
     m_requestHandler->close();
+    forgetEnds();
+}
+
+void MMSHClient::forgetEnds()
+{
     PMutexGuard guard(m_recoverEvent);
     m_brokenAgain = false;
     m_endedWhileSeeking = false;
@@ -122,14 +177,14 @@ void MMSHClient::recoverStream()
     }
     m_cancelRecovery = false;
     m_recovering = true;
-    m_resuming = true;
+    m_holder = ConnectionHolder::RECOVERY;
     try {
         m_recoverThread =
             std::make_unique<PThread>(nullptr, this, &MMSHClient::runRecovery, nullptr);
     } catch (const std::runtime_error& e) {
         CBBLog::error("MMSHClient::endOfFileCallback : %s", e.what());
         m_recovering = false;
-        m_resuming = false;
+        m_holder = ConnectionHolder::NOBODY;
         guard.unlock();
         fireConnectionEvent(ConnectionEvent::BROKEN_STREAM);
     }
@@ -146,7 +201,10 @@ void MMSHClient::recoverBrokenStreamThread(void* /*argument*/)
     do {
         CBBLog::debug("MMSHClient::recoverBrokenStreamThread");
         const bool broken = !resumeStream();
-        endResuming();
+        {
+            PMutexGuard guard(m_recoverEvent);
+            leaveConnectionLocked();
+        }
         // Nobody waits for this thread now, but for its end: the owner may take its time.
         if (broken) {
             fireConnectionEvent(ConnectionEvent::BROKEN_STREAM);
@@ -197,55 +255,32 @@ bool MMSHClient::isResumed()
 {
     PMutexGuard guard(m_recoverEvent);
     if (!m_brokenAgain) {
-        m_resuming = false;
-        m_recoverEvent.broadcast();
+        leaveConnectionLocked();
     }
     return !m_brokenAgain;
 }
 
-void MMSHClient::endResuming()
+/// The recovery thread's end of its turn, unless it has ended it already.
+void MMSHClient::leaveConnectionLocked()
 {
-    PMutexGuard guard(m_recoverEvent);
-    m_resuming = false;
-    m_recoverEvent.broadcast();
+    if (m_holder == ConnectionHolder::RECOVERY) {
+        m_holder = ConnectionHolder::NOBODY;
+        m_recoverEvent.broadcast();
+    }
 }
 
 /// The recovery thread's last question: whether there was a break while it was still busy.
 bool MMSHClient::takeBreak()
 {
     PMutexGuard guard(m_recoverEvent);
-    if (m_brokenAgain && !m_stopped) {
+    if (m_brokenAgain && !m_stopped && !m_seeking) {
         m_brokenAgain = false;
         m_cancelRecovery = false;
-        m_resuming = true;
+        m_holder = ConnectionHolder::RECOVERY;
         return true;
     }
     m_recovering = false;
     return false;
-}
-
-/// Waits until the recovery thread keeps its hands off the handler, closing that again and again,
-/// since a close that comes between two of its steps may find nothing to end. m_stopped or
-/// m_seeking, set before, sees to it that no other recovery begins.
-void MMSHClient::stopRecovery()
-{
-    PMutexGuard guard(m_recoverEvent);
-    m_cancelRecovery = true;
-    while (m_resuming) {
-        guard.unlock();
-        {
-            PReadGuard readGuard(m_lock);
-            if (m_requestHandler != nullptr) {
-                m_requestHandler->close();
-            }
-        }
-        guard.lock();
-        if (m_resuming) {
-            m_recoverEvent.timedWait(absoluteTimeAfter(closePollMs));
-        }
-    }
-    m_brokenAgain = false;
-    m_bytesAtBreak = 0;
 }
 
 void MMSHClient::joinRecovery()

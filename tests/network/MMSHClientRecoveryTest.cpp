@@ -238,6 +238,45 @@ TEST(MMSHClientRecovery, SeeksAndBreaksAtOnceLeaveTheStreamOfTheLastSeek)
     }
 }
 
+TEST(MMSHClientRecovery, OpenEndsASeekUnderWay)
+{
+    ScriptedServer server(inTurn(
+        {holding(begin() + packets(0, 2)), silent("seeking"), holding(begin() + packets(300, 4))}));
+    ChunkClient client;
+    client.handlerTimeoutMs = aDayMs;
+    ASSERT_TRUE(client.open(server.url(), nullptr));
+    long long position = 0;
+    WatchedThread seeker([&] { position = client.seek(0, SEEK_SET, 1000); });
+    server.waitForMark("seeking");
+    ASSERT_TRUE(client.open(server.url(), nullptr));
+    seeker.join();
+    EXPECT_EQ(position, -1);
+    const std::string all = header + paddedPackets(300, 4);
+    EXPECT_EQ(client.take(all.size()), all);
+    EXPECT_TRUE(client.events().empty());
+}
+
+TEST(MMSHClientRecovery, SeeksAmongOpensLeaveAWholeStream)
+{
+    ScriptedServer server(inTurn({breaking(begin() + packets(0, 40))}));
+    for (int round = 0; round < 10; ++round) {
+        ChunkClient client;
+        ASSERT_TRUE(client.open(server.url(), nullptr));
+        WatchedThread seeker([&] {
+            for (unsigned i = 1; i < 20; ++i) {
+                client.seek(0, SEEK_SET, i);
+            }
+        });
+        for (int i = 0; i < 10; ++i) {
+            ASSERT_TRUE(client.open(server.url(), nullptr));
+        }
+        seeker.join();
+        ASSERT_TRUE(client.open(server.url(), nullptr));
+        const std::string all = header + paddedPackets(0, 40);
+        ASSERT_EQ(client.take(all.size()), all);
+    }
+}
+
 // -------------------------------------------------------------------------------------------------
 // Closing at every stage.
 
