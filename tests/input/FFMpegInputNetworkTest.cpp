@@ -196,7 +196,7 @@ TEST(FFMpegInputRoutes, ServerMayForceTheFormat)
     ScriptedServer server(serveClip("h264_aac.flv", options));
     const auto player = openInput(server.url("/a.mp4"));
     EXPECT_TRUE(
-        log.contains("FFMpegInput::open(): override extension using HTTP/MMSH header info flv"));
+        log.waitFor("FFMpegInput::open(): override extension using HTTP/MMSH header info flv"));
     EXPECT_FALSE(player->readAll().empty());
 }
 
