@@ -73,6 +73,11 @@ const char* FFMpegInput::getFFMpegFormatFromExtension(const char* extension)
 
 bool FFMpegInput::open(const MediumDescription* medium, Error* error, EncoderEngine* /*engine*/)
 {
+    if (zel::CallbackMark::isInside(this)) {
+        // What is to be replaced runs this call.
+        CBBLog::error("FFMpegInput::open(): not within an input event");
+        return false;
+    }
     const PMutexGuard oneAtATime(m_openLock);
     useClassLog();
     const Opening opening(m_opening);

@@ -23,9 +23,10 @@ class HTTPClient;
 /// Job: decides where the bytes of a medium come from, and drives a decoder core with them.
 /// Owner: the host, which gets it from InputPluginFactory and ends it through the destructor.
 /// Threads: any call on any thread at any time. readFrame runs on one host thread, control calls on
-/// others. Input events reach the host on a thread of the client, with no lock held: the host may
-/// call back, close() included, which then ends the medium and leaves the rest to the next call of
-/// close() or open(), or to the destructor; the destructor itself must not run there.
+/// others. Input events reach the host on a thread of the client, with no lock held. The host may
+/// call back there, close() included, which then ends the medium and leaves the rest to the next
+/// call of close() or open(), or to the destructor. open() fails there, as do seeks that need a
+/// request, and the destructor must not run there.
 /// Lock order: m_openLock, m_lock, m_readLock, the stop event, then those of the client or core.
 class FFMpegInput : public zel::streamer::InputPluginInterface
 {

@@ -49,6 +49,9 @@ CURLHTTPRequestHandler::~CURLHTTPRequestHandler()
 bool CURLHTTPRequestHandler::open(CStdStr<char> url)
 {
     const unsigned int closesSeen = m_closes;
+    if (isTransferThread()) {
+        return false; // what is to be replaced runs this call
+    }
     if (!m_closed) {
         endTransfer();
     }
@@ -68,6 +71,9 @@ bool CURLHTTPRequestHandler::open(CStdStr<char> url)
 
 bool CURLHTTPRequestHandler::seek(unsigned long long offset, long long timeMs)
 {
+    if (isTransferThread()) {
+        return false; // as in open
+    }
     PMutexGuard seekGuard(m_seekLock);
     m_seeking = true;
     if (!canSeek()) {

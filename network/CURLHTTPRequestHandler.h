@@ -15,7 +15,7 @@ namespace zel {
 ///
 /// A request runs on a thread of its own and is deleted when that has been joined. close() on that
 /// very thread, from a callback, only stops the transfer; another close(), or the destructor, which
-/// must come from elsewhere, joins it.
+/// must come from elsewhere, joins it. open() and seek() fail there.
 class CURLHTTPRequestHandler : public HTTPRequestHandler
 {
 public:

@@ -60,6 +60,9 @@ bool HTTPClient::open(const CStdStr<char>& url, streamer::Error* error)
     if (m_closing) {
         return false; // nor is the ring touched, which close() has woken everybody of
     }
+    if (CallbackMark::isInside(this)) {
+        return false; // the transfer that is to be replaced runs this call
+    }
     {
         PReadGuard guard(m_lock);
         if (isComplete() && !resetConnection()) {
@@ -381,7 +384,8 @@ long long HTTPClient::seek(long long offset, int whence, long long timeMs)
     if (whence == SEEK_CUR) {
         offset += static_cast<long long>(m_reader->getGlobalOffset());
     }
-    if (offset < 0 || !m_requestHandler->canSeek()) {
+    // Inside a callback the transfer cannot be replaced, for it runs this call.
+    if (offset < 0 || !m_requestHandler->canSeek() || CallbackMark::isInside(this)) {
         guard.unlock();
         CBBLog::warn("HTTPClient::seek : seek failed");
         return -1;

@@ -24,7 +24,8 @@ namespace zel {
 /// read() and seek() belong to one thread, the demuxer's; open() to the owner. close() and the
 /// questions may come from any thread at any moment. After close() the object cannot be used again.
 /// close() within a callback of this class only stops the stream; another close(), or the
-/// destructor, ends it then. The destructor must not run within a callback.
+/// destructor, ends it then. open() and seeks that need a request fail there, and the destructor
+/// must not run there.
 class HTTPClient
 {
 public:

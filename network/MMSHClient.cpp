@@ -47,6 +47,9 @@ bool MMSHClient::open(const CStdStr<char>& url, streamer::Error* error)
     if (m_closing) {
         return false; // nor is the ring touched, which close() has woken everybody of
     }
+    if (CallbackMark::isInside(this)) {
+        return false; // the transfer that is to be replaced may run this call
+    }
     claimConnection(ConnectionHolder::OPEN);
     const bool opened = endTransferAndStop() && openStream(url, error);
     if (!opened) {
@@ -289,7 +292,7 @@ long long MMSHClient::seekUsingMMSHRequest(long long offset, int whence, long lo
         if (whence == SEEK_CUR) {
             offset += static_cast<long long>(m_reader->getGlobalOffset());
         }
-        if (offset < 0) {
+        if (offset < 0 || CallbackMark::isInside(this)) {
             return -1;
         }
         if (timeMs < 0) {

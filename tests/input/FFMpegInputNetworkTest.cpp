@@ -490,6 +490,7 @@ TEST(FFMpegInputNetwork, HostMayCallBackFromAnEvent)
             unsigned long long position = 0;
             called->player.input().getPosition(position);
             called->player.input().setTimePosition(0);
+            EXPECT_FALSE(called->player.open(clipPath("h264_aac.mp4")));
             called->player.input().stop();
             called->player.input().close();
             called->server.mark("called");

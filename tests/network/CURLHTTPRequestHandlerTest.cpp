@@ -548,7 +548,12 @@ TEST(CURLHTTPRequestHandlerClose, InsideACallbackStopsTheTransferAndReturns)
             handler.close();
             return static_cast<long long>(size);
         });
-        handler.setEndOfFileCallback([&] { handler.close(); });
+        handler.setEndOfFileCallback([&] {
+            handler.setByteSeekable(true);
+            EXPECT_FALSE(handler.seek(10, -1));
+            EXPECT_FALSE(handler.open(server.url()));
+            handler.close();
+        });
         handler.open(server.url());
         server.waitUntilIdle();
     }
