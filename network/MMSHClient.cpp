@@ -17,7 +17,6 @@ constexpr long long tailBytes = 512;
 /// The content type of a server that answers with the header of the stream alone.
 constexpr const char* bareHeaderType = "application/vnd.ms.wms-hdr.asf";
 constexpr const char* serverFamily = "com.microsoft.wm";
-constexpr const char* clientId = "xClientGUID={c77e7400-738a-11d2-9add-0020af0a3278}";
 
 void setCode(streamer::Error* error)
 {

@@ -58,6 +58,8 @@ public:
 
 protected:
     static constexpr std::size_t streamSlots = 23;
+    /// In every request, of all clients alike.
+    static constexpr const char* clientId = "xClientGUID={c77e7400-738a-11d2-9add-0020af0a3278}";
 
     /// @return a frame that the caller deletes; null when not even the chunk's head is there
     MMSFrame* getMMSFrame(char* data, unsigned int size);

@@ -342,7 +342,7 @@ bool MMSHClient::sendKeepAlive(HTTPRequestHandler& handler)
     CBBLog::debug("MMSHClient::keepAliveThread - sending keepAlive");
     handler.clearRawHeaders();
     handler.addRawHeader("Pragma", "xKeepAliveInPause=1");
-    handler.addRawHeader("Pragma", "xClientGUID={c77e7400-738a-11d2-9add-0020af0a3278}");
+    handler.addRawHeader("Pragma", clientId);
     handler.setPostRequest(true);
     if (!handler.open(getUrl())) {
         return false;
