@@ -82,7 +82,7 @@ private:
     bool isTransferThread() const { return m_transferThread == std::this_thread::get_id(); }
 
     int performThread(void* argument);
-    bool collectHeader(const char* data, unsigned long length);
+    bool collectHeader(const char* data, unsigned long length) ZEL_REQUIRES(m_textLock);
     void takeStatus();
     void headersComplete();
 

@@ -117,7 +117,7 @@ protected:
     void replaceHandler() ZEL_EXCLUDES(m_lock);
     /// Ends the transfer and empties the ring. Under the read side of m_lock, with all there.
     /// @return false when the client is being closed
-    bool resetConnection();
+    bool resetConnection() ZEL_REQUIRES_SHARED(m_lock);
     /// Lets the stream go on after a stop.
     /// @return false when the client is being closed, which leaves it stopped
     bool clearStop();
@@ -125,12 +125,13 @@ protected:
     /// Waits until no open or seek is under way any more.
     void awaitOperations();
     /// What a server of this system's own kind says of the stream.
-    void readStreamHeaders();
-    void logBufferStatus(unsigned long long size);
+    void readStreamHeaders() ZEL_REQUIRES_SHARED(m_lock);
+    void logBufferStatus(unsigned long long size) ZEL_REQUIRES_SHARED(m_lock);
     CStdStr<char> getProductName();
-    bool makeRoomAhead(unsigned long long target);
-    bool isSeekTargetAhead(unsigned long long offset, unsigned int limit);
-    bool isComplete() const
+    bool makeRoomAhead(unsigned long long target) ZEL_REQUIRES_SHARED(m_lock);
+    bool isSeekTargetAhead(unsigned long long offset, unsigned int limit)
+        ZEL_REQUIRES_SHARED(m_lock);
+    bool isComplete() const ZEL_REQUIRES_SHARED(m_lock)
     {
         return m_requestHandler != nullptr && m_buffer != nullptr && m_reader != nullptr;
     }
