@@ -1,5 +1,6 @@
 #include "host/Input.h"
 
+#include "common/utils/StdString.h"
 #include "host/HostError.h"
 
 #include <sys/stat.h>
@@ -8,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <string_view>
 #include <system_error>
 
 namespace zel::host {
@@ -15,6 +17,8 @@ namespace zel::host {
 namespace {
 
 constexpr std::size_t MostEvents = 1000;
+constexpr int NotRenderable = 2;
+constexpr int NotReached = 404; // also where there was no answer with such a status
 
 /// What is wrong with a local file as far as the system can tell; "" when it can be read.
 std::string fileTrouble(const std::string& path)
@@ -30,6 +34,22 @@ std::string fileTrouble(const std::string& path)
         return "The file is empty";
     }
     return {};
+}
+
+/// What the network client found, in words; "" when it has said nothing.
+std::string networkTrouble(const MediumRecord& medium, const ErrorRecord& error)
+{
+    const std::string found = error.earlier.value_or("");
+    constexpr std::string_view WithoutStatus = " error 0";
+    const bool isAnswered = found.size() < WithoutStatus.size() ||
+                            found.substr(found.size() - WithoutStatus.size()) != WithoutStatus;
+    if (isAnswered) {
+        return found;
+    }
+    return ssicmp(medium.protocol.c_str(), "https://") == 0
+               ? "No answer, or a certificate that is not trusted; \"cacert.pem\" in the working "
+                 "folder names whom to trust"
+               : "No answer";
 }
 
 } // namespace
@@ -80,9 +100,10 @@ HostError Input::openError(const ErrorRecord& error) const
     if (m_stop.isRequested()) {
         return HostError(m_name + ": Interrupted");
     }
-    constexpr int NotRenderable = 2;
-    std::string detail = m_medium.protocol.empty() ? fileTrouble(m_medium.url) : std::string();
-    if (detail.empty() && error.code && *error.code != NotRenderable) {
+    std::string detail =
+        m_medium.protocol.empty() ? fileTrouble(m_medium.url) : networkTrouble(m_medium, error);
+    const bool isPlainCode = error.code == NotRenderable || error.code == NotReached;
+    if (detail.empty() && error.code && !isPlainCode) {
         detail = "code " + std::to_string(*error.code);
     }
     const std::string reason = error.message.value_or("The medium could not be opened");

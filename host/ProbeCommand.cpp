@@ -51,7 +51,9 @@ std::string tableOf(const std::string& name, const Findings& findings)
         table.add("bit rate",
                   formatCount(static_cast<unsigned long long>(*medium.bitrate / 1000)) + " kbit/s");
     }
-    table.add("seekable", medium.seekable.value_or(false) ? "yes" : "no");
+    // Of media from a network the library tells it for some formats only, and tries all the same.
+    const char* unsure = medium.protocol.empty() ? "no" : "unknown until a seek";
+    table.add("seekable", medium.seekable.value_or(false) ? "yes" : unsure);
     for (const auto& [key, value] : medium.properties.values) {
         table.add(printable(key), printable(value));
     }

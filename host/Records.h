@@ -185,15 +185,22 @@ public:
     streamer::OutputStreamDescription* getOutputDescription() const override { return &output; }
 };
 
-/// Why an open failed.
+/// Why an open failed. Several parts of a library may have a say, the last word counts.
 class ErrorRecord : public streamer::Error
 {
 public:
     std::optional<int> code;
     std::optional<std::string> message;
+    std::optional<std::string> earlier; ///< the first message, where another one followed
 
     void setCode(int value) override { code = value; }
-    void setMessage(const char* text) override { message = textOf(text); }
+    void setMessage(const char* text) override
+    {
+        if (message && !earlier) {
+            earlier = message;
+        }
+        message = textOf(text);
+    }
 };
 
 } // namespace zel::host

@@ -50,9 +50,25 @@ TEST(HostRecords, ProtocolAndExtensionComeFromTheMediumsName)
     EXPECT_EQ(parts("/films/.hidden"), std::pair(std::string(), std::string()));
     EXPECT_EQ(parts("http://host.org/a.mp3?b=c.d"),
               std::pair(std::string("http://"), std::string("mp3")));
+    EXPECT_EQ(parts("https://host.org/a.flv#t=1.5/x.avi"),
+              std::pair(std::string("https://"), std::string("flv")));
+    EXPECT_EQ(parts("http://host.org/a.wmv?next=http://b.org/c.mp4"),
+              std::pair(std::string("http://"), std::string("wmv")));
+    EXPECT_EQ(parts("http://host.org?a=/b.mp4"), std::pair(std::string("http://"), std::string()));
     EXPECT_EQ(parts("http://host.org"), std::pair(std::string("http://"), std::string()));
     EXPECT_EQ(parts("windleRadio://17"), std::pair(std::string("windleRadio://"), std::string()));
     EXPECT_EQ(parts("a/b://c.mp4"), std::pair(std::string(), std::string("mp4")));
+}
+
+TEST(HostRecords, ErrorKeepsItsFirstMessageBesideTheLast)
+{
+    ErrorRecord error;
+    error.setMessage("refused");
+    EXPECT_FALSE(error.earlier.has_value());
+    error.setMessage("not opened");
+    error.setMessage("given up");
+    EXPECT_EQ(error.earlier, "refused");
+    EXPECT_EQ(error.message, "given up");
 }
 
 TEST(HostRecords, PartIsPresentOnceItHasACodec)
