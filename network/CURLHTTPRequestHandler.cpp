@@ -14,10 +14,10 @@ namespace {
 /// Any answer but the number of bytes makes libcurl end the transfer.
 constexpr auto refuse = static_cast<unsigned long>(-1);
 /// The headers of one response; a server that sends more is hostile.
-constexpr std::size_t headersLimit = 300 * 1024;
+constexpr std::size_t headersLimit = 300UL * 1024;
 /// Of a refused response, bytes that are still delivered. The sink must have room for them without
 /// a reader, since the caller of open() waits for this thread.
-constexpr unsigned long long refusedBodyLimit = 64 * 1024;
+constexpr unsigned long long refusedBodyLimit = 64ULL * 1024;
 
 std::atomic<int> s_lastId{0};
 
