@@ -1,3 +1,5 @@
+#include "common/dax/DaxSatellite.h"
+#include "common/dax/Variant.h"
 #include "plugin/MetadataPacket.h"
 #include "plugin/PluginFactory.h"
 #include "plugin/RTPSamplePackets.h"
@@ -35,6 +37,38 @@ class Properties : public MapGeneric
 public:
     const char* get(const char*) const override { return nullptr; }
 };
+
+/// A service whose every method answers with code 0 and the number of its arguments.
+class CountingSatellite : public DaxSatellite
+{
+public:
+    long call(const char*, const char*, const tagVARIANT& arguments, tagVARIANT& retcode,
+              tagVARIANT& results) override
+    {
+        retcode.vt = VT_I4;
+        results.vt = VT_UI4;
+        results.ulVal = arguments.parray->rgsabound[0].cElements;
+        return 0;
+    }
+};
+
+void trySatellite()
+{
+    const SAFEARRAYBOUND bound = {3, 0};
+    zel::dax::OwnedVariant arguments;
+    arguments.parray = SafeArrayCreate(VT_BSTR, 1, &bound);
+    expect(arguments.parray != nullptr, "an array is made");
+    arguments.vt = VT_ARRAY | VT_BSTR;
+    const std::int32_t index = 2;
+    const zel::dax::OwnedString text(SysAllocString("third"));
+    expect(SafeArrayPutElement(arguments.parray, &index, text.get()) == S_OK, "a text is put");
+
+    CountingSatellite satellite;
+    zel::dax::OwnedVariant retcode;
+    zel::dax::OwnedVariant results;
+    expect(satellite.call("Any", "count", arguments, retcode, results) == 0, "the call answers");
+    expect(results.vt == VT_UI4 && results.ulVal == 3, "the arguments are counted");
+}
 
 /// A local sound file. Keeps nothing of what the plug-in finds out but the duration.
 class SoundFile : public MediumDescription
@@ -190,6 +224,7 @@ void playSoundFile(InputPluginInterface& input)
 int main()
 {
     tryPackets();
+    trySatellite();
 
     void* library = dlopen(PLUGIN_LIBRARY, RTLD_NOW | RTLD_LOCAL);
     if (!library) {
