@@ -39,7 +39,7 @@ std::string fileTrouble(const std::string& path)
 /// What the network client found, in words; "" when it has said nothing.
 std::string networkTrouble(const MediumRecord& medium, const ErrorRecord& error)
 {
-    const std::string found = error.earlier.value_or("");
+    std::string found = error.earlier.value_or("");
     constexpr std::string_view WithoutStatus = " error 0";
     const bool isAnswered = found.size() < WithoutStatus.size() ||
                             found.substr(found.size() - WithoutStatus.size()) != WithoutStatus;
