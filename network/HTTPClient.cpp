@@ -432,13 +432,17 @@ long long HTTPClient::seekUsingInternalBuffer(long long offset, int whence, long
     const auto limit = static_cast<unsigned int>(m_reader->getGlobalOffset() +
                                                  m_reader->availableToRead() + margin);
     const auto target = static_cast<unsigned long long>(offset);
+    // Short at first: what lies just ahead is there at once, and many an mp4 begins with such a
+    // seek.
+    int pollMs = 1;
     while (isSeekTargetAhead(target, limit)) {
         if (m_buffer->availableToWrite() == 0 && !makeRoomAhead(target)) {
             break;
         }
-        if (m_stopEvent.timedWait(m_stopped, absoluteTimeAfter(seekPollMs)) == 0) {
+        if (m_stopEvent.timedWait(m_stopped, absoluteTimeAfter(pollMs)) == 0) {
             return -1;
         }
+        pollMs = std::min(2 * pollMs, seekPollMs);
     }
     return m_reader->seek(target) ? offset : -1;
 }
