@@ -524,12 +524,12 @@ bool HTTPClient::hasReachedEnd()
 
 void HTTPClient::setDataReadyCallback(DataReadyCallback callback)
 {
-    m_dataReadyCallback = callback;
+    m_dataReadyCallback = std::move(callback);
 }
 
 void HTTPClient::setMetadataCallback(MetadataCallback callback)
 {
-    m_metadataCallback = callback;
+    m_metadataCallback = std::move(callback);
 }
 
 int HTTPClient::getStreamDuration()
