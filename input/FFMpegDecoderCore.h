@@ -228,6 +228,9 @@ public:
     /// Decoder threads for media whose output is the same with any number of them; 0 for as many
     /// as keep the machine's cores at work. Set before opening.
     int m_decoderThreads = 0;
+    /// What an ASF stream is read from finds the time of a seek by itself, and its bytes have no
+    /// fixed place in time. Set before opening.
+    bool m_sourceSeeksByTime = false;
 
     /// Kept: one flag for all cores, raised by any close and lowered by any opening. Each core has
     /// its own flag for ending FFmpeg's network access; this one is the hook of older hosts.
@@ -371,6 +374,8 @@ private:
 
     // seeking: FFMpegDecoderCoreSeek.cpp
     bool seekMedium(unsigned long long& ms, unsigned long long targetUs);
+    int seekToByte(int64_t bytepos, unsigned long long targetUs);
+    int64_t timeOf(unsigned long long targetUs) const;
     void flushDecoders();
     void resetWatchdogs();
 

@@ -219,6 +219,10 @@ void FFMpegDecoderCore::applyStreamFormatRules(const CStdStr<char>& format,
             startsWith(url, "mmsh://")) {
             m_formatContext->max_analyze_duration = 1;
         }
+        if (m_sourceSeeksByTime) {
+            // Nothing but the header has been read by now.
+            m_io->seekByTime(avio_tell(m_io->context()));
+        }
     }
 }
 

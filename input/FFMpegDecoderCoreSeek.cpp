@@ -50,7 +50,7 @@ bool FFMpegDecoderCore::seekMedium(unsigned long long& ms, unsigned long long ta
             CBBLog::debug("FFMpegDecoderCore::setPosition(): av_seek_frame (bytepos = %u, "
                           "flag=AVSEEK_FLAG_BYTE)",
                           static_cast<unsigned int>(bytepos));
-            if (m_reader->seek(bytepos, AVSEEK_FLAG_BYTE) >= 0) {
+            if (seekToByte(bytepos, targetUs) >= 0) {
                 return true;
             }
             CBBLog::error("FFMpegDecoderCore::setPosition(): av_seek_frame (bytepos = %u, "
@@ -59,9 +59,7 @@ bool FFMpegDecoderCore::seekMedium(unsigned long long& ms, unsigned long long ta
             return false;
         }
     }
-    const int64_t started = m_formatContext->start_time;
-    const int64_t start = started == AV_NOPTS_VALUE ? 0 : started;
-    const auto ts = static_cast<int64_t>(static_cast<unsigned long long>(start) + targetUs);
+    const int64_t ts = timeOf(targetUs);
     if (m_reader->seek(ts, 0) >= 0) {
         return true;
     }
@@ -75,6 +73,26 @@ bool FFMpegDecoderCore::seekMedium(unsigned long long& ms, unsigned long long ta
                   "flag=AVSEEK_FLAG_ANY) failed!",
                   static_cast<int>(ts));
     return false;
+}
+
+/// @return below 0 on failure
+int FFMpegDecoderCore::seekToByte(int64_t bytepos, unsigned long long targetUs)
+{
+    if (!m_sourceSeeksByTime) {
+        return m_reader->seek(bytepos, AVSEEK_FLAG_BYTE);
+    }
+    // The demuxer has to know, since it may stand in the middle of a packet, which it would go on
+    // with in the new place; and the bytes that it has read ahead are never those of that place.
+    m_io->aimAt(bytepos);
+    return m_reader->seek(timeOf(targetUs), 0);
+}
+
+/// In the medium's own time.
+int64_t FFMpegDecoderCore::timeOf(unsigned long long targetUs) const
+{
+    const int64_t started = m_formatContext->start_time;
+    const int64_t start = started == AV_NOPTS_VALUE ? 0 : started;
+    return static_cast<int64_t>(static_cast<unsigned long long>(start) + targetUs);
 }
 
 void FFMpegDecoderCore::flush(unsigned long long ms)

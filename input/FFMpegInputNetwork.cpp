@@ -113,6 +113,7 @@ bool FFMpegInput::openOverMMSH(const MediumDescription* medium, Error* error, in
             listenToClient();
             m_client->setMetadataCallback(
                 [this](const HTTPClient::Metadata& table) { _MMSHMetadataCallback(table); });
+            m_decoder->m_sourceSeeksByTime = true;
             result = initFromClient(medium);
         }
     }

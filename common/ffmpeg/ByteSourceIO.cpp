@@ -7,6 +7,7 @@ extern "C" {
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 
 namespace zel::av {
 
@@ -50,7 +51,33 @@ int ByteSourceIO::_read(void* self, unsigned char* buffer, int size)
 int64_t ByteSourceIO::_seek(void* self, int64_t offset, int whence)
 {
     const auto* io = static_cast<ByteSourceIO*>(self);
-    return io->m_seek(io->m_opaque, offset, whence);
+    if (whence == SEEK_CUR && io->m_context->read_seek != nullptr) {
+        return io->m_start; // the library's question behind a seek by time, which needs no request
+    }
+    if (whence != SEEK_SET) {
+        return io->m_seek(io->m_opaque, offset, whence);
+    }
+    const long long position = io->m_seek(io->m_opaque, offset - io->m_shift, whence);
+    return position < 0 ? position : position + io->m_shift;
+}
+
+void ByteSourceIO::seekByTime(int64_t start)
+{
+    m_start = start;
+    m_context->read_seek = m_seek != nullptr ? &_seekTime : nullptr;
+}
+
+int64_t ByteSourceIO::_seekTime(void* self, int /*stream*/, int64_t /*timestamp*/, int /*flags*/)
+{
+    auto* io = static_cast<ByteSourceIO*>(self);
+    const long long position = io->m_seek(io->m_opaque, io->m_aim, SEEK_SET);
+    if (position < 0) {
+        return AVERROR(EIO);
+    }
+    io->m_shift = io->m_start - position;
+    io->m_context->eof_reached = 0;
+    io->m_context->error = 0;
+    return 0;
 }
 
 } // namespace zel::av
