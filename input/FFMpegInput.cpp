@@ -32,6 +32,19 @@ bool containsBehindStart(const std::string& text, const char* word)
     return position != std::string::npos && position > 0;
 }
 
+/// Counts a call for its scope.
+class Closing
+{
+public:
+    explicit Closing(std::atomic<int>& count) : m_count(count) { ++m_count; }
+    ~Closing() { --m_count; }
+    Closing(const Closing&) = delete;
+    Closing& operator=(const Closing&) = delete;
+
+private:
+    std::atomic<int>& m_count;
+};
+
 /// A property of the medium, empty without one.
 CStdStr<char> propertyOf(const MediumDescription* medium, const char* key)
 {
@@ -142,7 +155,7 @@ void FFMpegInput::deleteDecoder()
 int FFMpegInput::openDirectly(const MediumDescription* medium)
 {
     const PReadGuard guard(m_lock);
-    if (m_decoder == nullptr) {
+    if (m_decoder == nullptr || m_closers > 0) {
         return -1;
     }
     if (containsBehindStart(m_url, "skipTranscoding=1")) {
@@ -209,6 +222,7 @@ bool FFMpegInput::updateMedium(const MediumDescription* medium, Error* error, En
 
 int FFMpegInput::close()
 {
+    const Closing closing(m_closers);
     // On behalf of the destructor this is the class's own stop, which is all there is to stop then.
     stop(); // NOLINT(clang-analyzer-optin.cplusplus.VirtualCall)
     {

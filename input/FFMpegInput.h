@@ -157,7 +157,8 @@ private:
         ZEL_GUARDED_BY(m_eventLock) = nullptr;
     void* m_inputEventData ZEL_GUARDED_BY(m_eventLock) = nullptr;
     PMutex m_eventLock;
-    PMutex m_openLock; // one open at a time
+    PMutex m_openLock;             // one open at a time
+    std::atomic<int> m_closers{0}; // calls of close() under way: no open gets by meanwhile
 
     static boost::weak_ptr<CBBLog> s_logger;
 };

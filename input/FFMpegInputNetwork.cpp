@@ -104,7 +104,7 @@ bool FFMpegInput::openOverMMSH(const MediumDescription* medium, Error* error, in
     setClient(std::make_unique<MMSHClient>(RingBytes, HistoryBytes));
     {
         const PReadGuard guard(m_lock);
-        if (m_client == nullptr || m_decoder == nullptr) {
+        if (m_client == nullptr || m_decoder == nullptr || m_closers > 0) {
             return false;
         }
         if (!m_client->open(m_url, error)) {
@@ -128,7 +128,7 @@ bool FFMpegInput::openProgressively(const MediumDescription* medium, Error* erro
     CBBLog::debug("Using HTTPClient");
     setClient(std::make_unique<HTTPClient>(RingBytes, HistoryBytes));
     const PReadGuard guard(m_lock);
-    if (m_client == nullptr || m_decoder == nullptr) {
+    if (m_client == nullptr || m_decoder == nullptr || m_closers > 0) {
         return false;
     }
     if (!m_client->open(m_url, error)) {
@@ -179,6 +179,8 @@ void FFMpegInput::applyClientDuration()
 // -------------------------------------------------------------------------------------------------
 // The client's life.
 
+/// A close that began before has not seen this client, and would wait for what reads from it: the
+/// open asks for such a close behind this, and gives up.
 void FFMpegInput::setClient(std::unique_ptr<HTTPClient> client)
 {
     deleteClient(); // of the route before
