@@ -394,8 +394,9 @@ long long HTTPClient::seek(long long offset, int whence, long long timeMs)
         return -1;
     }
     m_buffer->resetGlobalOffset(static_cast<unsigned long long>(offset));
-    if (!m_requestHandler->seek(static_cast<unsigned long long>(offset), timeMs)) {
-        return -1;
+    if (!m_requestHandler->seek(static_cast<unsigned long long>(offset), timeMs) ||
+        m_requestHandler->getStatusCode() == 0) {
+        return -1; // refused, or the server was not reached
     }
     CBBLog::debug("HTTPClient::seek - seeked with request");
     return offset;
@@ -443,6 +444,11 @@ long long HTTPClient::seekUsingInternalBuffer(long long offset, int whence, long
             return -1;
         }
         pollMs = std::min(2 * pollMs, seekPollMs);
+    }
+    const bool isAtEnd = target == m_reader->getGlobalOffset() + m_reader->availableToRead();
+    if (isAtEnd && m_reader->hasReachedEOF() && target < m_contentLength &&
+        m_requestHandler->canSeek()) {
+        return -1; // the transfer broke here, or never began: only a new one goes on
     }
     return m_reader->seek(target) ? offset : -1;
 }

@@ -50,6 +50,13 @@ void MMSHClient::endOfFileCallback()
     }
     if (m_bytesReceived < worthResuming) {
         CBBLog::debug("MMSHClient::endOfFileCallback no data received");
+        {
+            // The owner drops an event during a seek, and its reader would wait for ever.
+            PReadGuard guard(m_lock);
+            if (m_buffer != nullptr) {
+                m_buffer->close();
+            }
+        }
         fireConnectionEvent(ConnectionEvent::BROKEN_STREAM);
         return;
     }
