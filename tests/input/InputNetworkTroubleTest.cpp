@@ -137,18 +137,18 @@ INSTANTIATE_TEST_SUITE_P(Clips, InputLinkCuts,
 
 TEST(InputLinkTrouble, MmsGoesOnBehindACutOfTheLink)
 {
-    ClipServer server("wmv2_wma2.asf");
-    const auto expected = md5sOf(playFile(clipPath("wmv2_wma2.asf")));
+    // Packets of one size, so that the bytes that have come tell the place.
+    zel::test::MmsServerOptions options;
+    options.stripPadding = false;
+    MmsServer server(AsfFile::read(clipPath("wmv2_wma2.asf")), options);
     for (const LinkCut how : {LinkCut::Close, LinkCut::Reset}) {
+        SCOPED_TRACE(nameOf(how));
         LinkRules rules;
         rules.toClient.cutBehind = 300000;
         rules.toClient.cut = how;
-        LinkProxy link(server.port(), {rules});
-        auto md5s = md5sOf(openInput(link.url("/clip.asf"))->readAll());
+        LinkProxy link(server.http().port(), {rules});
+        expectAsFromDisk(openInput(link.url("/clip.asf"))->readAll(), "wmv2_wma2.asf");
         EXPECT_EQ(link.connectionsAccepted(), 2U);
-        ASSERT_LE(md5s.size(), expected.size());
-        EXPECT_GE(md5s.size() + 1, expected.size()) << "one packet comes twice, with a break";
-        EXPECT_TRUE(std::equal(md5s.begin(), md5s.end(), expected.begin()));
     }
 }
 
