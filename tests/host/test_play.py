@@ -181,8 +181,8 @@ class Seeks(HostTest):
 
 class Errors(HostTest):
     def test_reason_comes_from_the_library(self):
-        done = self.run_host('play', fake('openfails 404 Gone'), status=1)
-        self.assertEqual(done.stderr, f'zel-host: {fake("openfails 404 Gone")}: Gone (code 404)\n')
+        done = self.run_host('play', fake('openfails 7 Gone'), status=1)
+        self.assertEqual(done.stderr, f'zel-host: {fake("openfails 7 Gone")}: Gone (code 7)\n')
         self.assertEqual(done.stdout, '')
 
     def test_failure_without_a_reason_still_names_the_medium(self):
