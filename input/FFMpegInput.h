@@ -134,6 +134,9 @@ private:
     static long long _HTTPSeekCallback(void* opaque, long long offset, int whence);
     int readFromClient(unsigned char* buffer, int size) ZEL_REQUIRES_SHARED(m_lock);
     static bool isTail(long long offset, unsigned long long length, long long seekTarget);
+    /// Whoever is inside the core, or reads from the client, holds the read side already; to take
+    /// it again there would be against the order of locks.
+    void assumeReading() ZEL_ASSERT_SHARED_CAPABILITY(m_lock) {}
     void flushNetworkBuffer() ZEL_REQUIRES_SHARED(m_lock);
     static void _connectionEventCallback(zel::ConnectionEvent::ConnectionEvent event, void* data);
 

@@ -222,7 +222,7 @@ long long FFMpegInput::_HTTPSeekCallback(void* opaque, long long offset, int whe
 
 int FFMpegInput::HTTPReadCallback(unsigned char* buffer, int size)
 {
-    const PReadGuard guard(m_lock);
+    assumeReading();
     if (m_client == nullptr || !m_running) {
         CBBLog::debug("FFMpegInput::HTTPReadCallback not running!!!!! ");
         return -1;
@@ -256,7 +256,7 @@ int FFMpegInput::readFromClient(unsigned char* buffer, int size)
 
 long long FFMpegInput::HTTPSeekCallback(long long offset, int whence)
 {
-    const PReadGuard guard(m_lock);
+    assumeReading();
     if (m_client == nullptr || m_decoder == nullptr || !m_running) {
         CBBLog::debug("FFMpegInput::HTTPSeekCallback not running!!!!! ");
         return -1;
@@ -336,7 +336,7 @@ void FFMpegInput::flushNetworkBuffer()
 void FFMpegInput::_MMSHMetadataCallback(const std::map<CStdStr<char>, CStdStr<char>>& table)
 {
     CBBLog::debug(" FFMpegInput::_MMSHMetadataCallback");
-    const PReadGuard guard(m_lock);
+    assumeReading();
     if (m_decoder != nullptr) {
         m_decoder->updateMetadata(table);
     }

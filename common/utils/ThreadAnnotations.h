@@ -20,5 +20,6 @@
 #define ZEL_RELEASE_SHARED(...) ZEL_ATTRIBUTE(release_shared_capability(__VA_ARGS__))
 #define ZEL_RELEASE_GENERIC(...) ZEL_ATTRIBUTE(release_generic_capability(__VA_ARGS__))
 #define ZEL_ASSERT_CAPABILITY(...) ZEL_ATTRIBUTE(assert_capability(__VA_ARGS__))
+#define ZEL_ASSERT_SHARED_CAPABILITY(...) ZEL_ATTRIBUTE(assert_shared_capability(__VA_ARGS__))
 #define ZEL_EXCLUDES(...) ZEL_ATTRIBUTE(locks_excluded(__VA_ARGS__))
 #define ZEL_NO_THREAD_SAFETY_ANALYSIS ZEL_ATTRIBUTE(no_thread_safety_analysis)
