@@ -296,11 +296,12 @@ bool FFMpegInput::isTail(long long offset, unsigned long long length, long long 
 /// with the stream.
 void FFMpegInput::flushNetworkBuffer()
 {
-    const auto position = [this] {
-        return static_cast<long long>(m_client->getCurrentBufferReadPosition());
+    HTTPClient& client = *m_client;
+    const auto position = [&client] {
+        return static_cast<long long>(client.getCurrentBufferReadPosition());
     };
-    const auto available = [this] {
-        return static_cast<long long>(m_client->getByteAvailableToReadInBuffer());
+    const auto available = [&client] {
+        return static_cast<long long>(client.getByteAvailableToReadInBuffer());
     };
     long long read = position();
     const long long written = read + available();
