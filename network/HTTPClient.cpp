@@ -313,30 +313,33 @@ long long HTTPClient::write(unsigned char* data, unsigned long long size)
     if (m_buffer == nullptr) {
         return -1;
     }
-    const auto length = static_cast<unsigned int>(size);
-    // In pieces that fit into an empty ring: a reset that came since the question above has emptied
-    // it, and waits for this thread instead of reading.
-    const unsigned int piece = std::max(m_bufferSize, 2U) - 1;
-    unsigned int done = 0;
-    int result = 0;
-    while (done < length && !m_stopped) {
-        const unsigned int wanted = std::min(piece, length - done);
-        const auto written = static_cast<int>(m_buffer->write(data + done, wanted, true));
-        if (written < 0) {
-            return -1;
-        }
-        result += written;
-        done += static_cast<unsigned int>(written);
-        if (static_cast<unsigned int>(written) < wanted) {
-            break;
-        }
-    }
-    if (m_stopped) {
+    const int stored = storeInRing(data, static_cast<unsigned int>(size));
+    if (stored < 0 || m_stopped) {
         return -1;
     }
     logBufferStatus(size);
     m_dataReceived = true;
-    return result;
+    return stored;
+}
+
+/// In pieces that fit into an empty ring: a reset that came since the question for the stop has
+/// emptied it, and waits for this thread instead of reading.
+int HTTPClient::storeInRing(const unsigned char* data, unsigned int size)
+{
+    const unsigned int piece = std::max(m_bufferSize, 2U) - 1;
+    unsigned int done = 0;
+    while (done < size && !m_stopped) {
+        const unsigned int wanted = std::min(piece, size - done);
+        const long long written = m_buffer->write(data + done, wanted, true);
+        if (written < 0) {
+            return -1;
+        }
+        done += static_cast<unsigned int>(written);
+        if (written < wanted) {
+            break;
+        }
+    }
+    return static_cast<int>(done);
 }
 
 void HTTPClient::endOfFileCallback()
@@ -517,9 +520,15 @@ bool HTTPClient::getBufferStatus(unsigned int& percent)
         m_reader->hasReachedEOF()) {
         return false;
     }
-    percent = static_cast<unsigned int>(m_reader->availableToRead() * 100 /
-                                        (m_bufferSize - m_minimumHistorySize));
+    percent = fillPercent(m_reader->availableToRead());
     return true;
+}
+
+unsigned int HTTPClient::fillPercent(unsigned long long available) const
+{
+    return m_bufferSize > m_minimumHistorySize
+               ? static_cast<unsigned int>(available * 100 / (m_bufferSize - m_minimumHistorySize))
+               : 0;
 }
 
 bool HTTPClient::hasReachedEnd()

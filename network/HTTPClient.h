@@ -126,6 +126,11 @@ protected:
     void awaitOperations();
     /// What a server of this system's own kind says of the stream.
     void readStreamHeaders() ZEL_REQUIRES_SHARED(m_lock);
+    /// On the transfer thread. Blocks while the ring is full.
+    /// @return bytes stored, fewer when stopped; -1 when the ring failed
+    int storeInRing(const unsigned char* data, unsigned int size) ZEL_REQUIRES_SHARED(m_lock);
+    /// Of the part of the ring that reads ahead; 0 where there is none.
+    unsigned int fillPercent(unsigned long long available) const;
     void logBufferStatus(unsigned long long size) ZEL_REQUIRES_SHARED(m_lock);
     CStdStr<char> getProductName();
     bool makeRoomAhead(unsigned long long target) ZEL_REQUIRES_SHARED(m_lock);

@@ -32,10 +32,7 @@ void HTTPClient::logBufferStatus(unsigned long long size)
     m_rateSamples[now] += size;
 
     const unsigned long long available = m_reader->availableToRead();
-    const unsigned int percent =
-        m_bufferSize > m_minimumHistorySize
-            ? static_cast<unsigned int>(available * 100 / (m_bufferSize - m_minimumHistorySize))
-            : 0;
+    const unsigned int percent = fillPercent(available);
     const bool isLow = percent < lowPercent && now > m_lastStatusLog + lineEveryMsWhenLow;
     if (now <= m_lastStatusLog + lineEveryMs && !isLow) {
         return;

@@ -114,7 +114,7 @@ private:
     static bool parseFrame(const unsigned char* data, std::size_t size, MMSFrame& frame);
     bool handleChunk(MMSFrame& frame) ZEL_REQUIRES_SHARED(m_lock);
     bool storeChunk(const MMSFrame& frame) ZEL_REQUIRES_SHARED(m_lock);
-    bool storeInRing(const unsigned char* data, unsigned int size) ZEL_REQUIRES_SHARED(m_lock);
+    bool storeWhole(const unsigned char* data, unsigned int size) ZEL_REQUIRES_SHARED(m_lock);
     bool pad(unsigned int size) ZEL_REQUIRES_SHARED(m_lock);
     void endStream() ZEL_REQUIRES_SHARED(m_lock);
     void keepPending(const unsigned char* data, std::size_t size);

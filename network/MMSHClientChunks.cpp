@@ -182,7 +182,7 @@ bool MMSHClient::storeChunk(const MMSFrame& frame)
     if (frame.length == 0 || frame.type == CHUNK_TYPE_METADATA || (isHeader && m_headerWritten)) {
         return true;
     }
-    if (!storeInRing(frame.payload, frame.length)) {
+    if (!storeWhole(frame.payload, frame.length)) {
         return false;
     }
     if (isHeader) {
@@ -201,27 +201,16 @@ bool MMSHClient::storeChunk(const MMSFrame& frame)
     return pad(m_packetLength - frame.length);
 }
 
-/// In pieces that fit into an empty ring: a reset that came since the question for the stop has
-/// emptied it, and waits for this thread instead of reading.
-bool MMSHClient::storeInRing(const unsigned char* data, unsigned int size)
+bool MMSHClient::storeWhole(const unsigned char* data, unsigned int size)
 {
-    const unsigned int piece = std::max(m_bufferSize, 2U) - 1;
-    while (size > 0) {
-        const unsigned int wanted = std::min(piece, size);
-        if (m_stopped || m_buffer->write(data, wanted, true) != wanted) {
-            return false;
-        }
-        data += wanted;
-        size -= wanted;
-    }
-    return true;
+    return storeInRing(data, size) == static_cast<int>(size);
 }
 
 bool MMSHClient::pad(unsigned int size)
 {
     while (size > 0) {
         const unsigned int piece = std::min(size, static_cast<unsigned int>(zeros.size()));
-        if (!storeInRing(zeros.data(), piece)) {
+        if (!storeWhole(zeros.data(), piece)) {
             return false;
         }
         size -= piece;

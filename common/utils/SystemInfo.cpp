@@ -30,7 +30,7 @@ ProcessorFacts facts()
     return readProcessorFacts({});
 }
 
-/// In place of a table by letters: one word for each kind of system.
+/// The letter with which a description begins.
 const char* prefixOf(int osType)
 {
     switch (osType) {

@@ -1,5 +1,6 @@
 #include "input/FFMpegInput.h"
 
+#include "tests/input/NetworkInputs.h"
 #include "tests/support/CoreReader.h"
 #include "tests/support/InputPlayer.h"
 #include "tests/support/LogCapture.h"
@@ -13,20 +14,25 @@
 
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 using zel::test::clipPath;
 using zel::test::framesOf;
+using zel::test::InputEvents;
 using zel::test::InputPlayer;
 using zel::test::LogCapture;
 using zel::test::MmsServer;
-using zel::test::MmsServerOptions;
+using zel::test::openInput;
 using zel::test::PlayedFrame;
+using zel::test::samplesOf;
 using zel::test::ScriptedServer;
 using zel::test::serveBytes;
+using zel::test::serveClip;
+using zel::test::serveClipAndStall;
+using zel::test::serveClipUntilGo;
 using zel::test::ServeOptions;
 using zel::test::ServerConnection;
 using zel::test::ServerHeaders;
@@ -53,41 +59,6 @@ public:
     using FFMpegInput::HTTPSeekCallback;
 };
 
-ServerScript serveClip(const std::string& name, ServeOptions options = {})
-{
-    return serveBytes(textContent(zel::test::readFile(clipPath(name))), std::move(options));
-}
-
-/// The events of an input, in their order.
-struct Events
-{
-    explicit Events(zel::streamer::InputPluginInterface& input)
-    {
-        input.setInputEventCallback(
-            [](InputEvent::Enum event, int, int, void* data) {
-                auto* events = static_cast<Events*>(data);
-                const std::lock_guard guard(events->mutex);
-                events->all.push_back(event);
-            },
-            this);
-    }
-    std::vector<int> soFar()
-    {
-        const std::lock_guard guard(mutex);
-        return all;
-    }
-
-    std::mutex mutex;
-    std::vector<int> all;
-};
-
-std::unique_ptr<InputPlayer> openInput(const std::string& url)
-{
-    auto player = std::make_unique<InputPlayer>(std::make_unique<FFMpegInput>());
-    EXPECT_TRUE(player->open(url)) << url;
-    return player;
-}
-
 void expectSameFrames(const std::vector<PlayedFrame>& actual,
                       const std::vector<PlayedFrame>& expected, bool withTimes)
 {
@@ -100,15 +71,6 @@ void expectSameFrames(const std::vector<PlayedFrame>& actual,
             ASSERT_EQ(actual[i].durationUs, expected[i].durationUs) << "frame " << i;
         }
     }
-}
-
-std::string allSamples(const std::vector<PlayedFrame>& frames)
-{
-    std::string samples;
-    for (const PlayedFrame& frame : frames) {
-        samples += frame.samples;
-    }
-    return samples;
 }
 
 // -------------------------------------------------------------------------------------------------
@@ -257,13 +219,7 @@ TEST(FFMpegInputNetwork, UnseekableServerMakesTheMediumUnseekable)
 
 TEST(FFMpegInputNetwork, FillLevelOfTheRingIsToldUntilAllHasArrived)
 {
-    const std::string clip = zel::test::readFile(clipPath("h264_aac.flv"));
-    ScriptedServer server([&](const ServerRequest&, ServerConnection& connection) {
-        connection.beginBody(200, {}, clip.size());
-        connection.send(clip.substr(0, clip.size() - 1));
-        connection.waitForMark("go");
-        connection.send(clip.substr(clip.size() - 1));
-    });
+    ScriptedServer server(serveClipUntilGo("h264_aac.flv", 1));
     const auto player = openInput(server.url("/a.flv"));
     unsigned percent = 1000;
     EXPECT_TRUE(player->input().getInputBufferStatus(percent));
@@ -338,33 +294,20 @@ TEST(FFMpegInputNetwork, SeekInATranscodedStreamSendsTheTime)
 
 TEST(FFMpegInputNetwork, StopEndsAReadThatWaitsForTheServer)
 {
-    ScriptedServer server([](const ServerRequest&, ServerConnection& connection) {
-        const std::string clip = zel::test::readFile(clipPath("h264_aac.flv"));
-        connection.beginBody(200, {}, clip.size() + 1000000);
-        connection.send(clip);
-        connection.waitUntilPeerCloses();
-    });
+    ScriptedServer server(serveClipAndStall("h264_aac.flv"));
     const auto player = openInput(server.url("/a.flv"));
-    bool ended = false;
     WatchedThread reader([&] {
         for (PlayedFrame frame; player->read(frame);) {
         }
-        ended = true;
     });
     EXPECT_TRUE(reader.awaitSleep());
     player->input().stop();
     reader.join();
-    EXPECT_TRUE(ended);
 }
 
 TEST(FFMpegInputNetwork, CloseEndsAReadThatWaitsForTheServer)
 {
-    ScriptedServer server([](const ServerRequest&, ServerConnection& connection) {
-        const std::string clip = zel::test::readFile(clipPath("h264_aac.flv"));
-        connection.beginBody(200, {}, clip.size() + 1000000);
-        connection.send(clip);
-        connection.waitUntilPeerCloses();
-    });
+    ScriptedServer server(serveClipAndStall("h264_aac.flv"));
     const auto player = openInput(server.url("/a.flv"));
     WatchedThread reader([&] {
         for (PlayedFrame frame; player->read(frame);) {
@@ -400,6 +343,10 @@ TEST(FFMpegInputNetwork, ResetPositionDropsWhatLiesInTheBuffer)
     const auto player = openInput(server.url("/a.flv"));
     PlayedFrame first;
     ASSERT_TRUE(player->readPicture(first));
+    unsigned percent = 0;
+    while (player->input().getInputBufferStatus(percent)) {
+        std::this_thread::yield(); // until all of it has arrived
+    }
     EXPECT_EQ(player->input().resetPosition(0), Result::Done);
     EXPECT_TRUE(log.waitFor("Flushing network buffer. Initial r/w: "));
     EXPECT_TRUE(log.waitFor("FFMpegInput::resetPosition: flushed "));
@@ -412,20 +359,12 @@ TEST(FFMpegInputNetwork, ResetPositionDropsWhatLiesInTheBuffer)
 
 TEST(FFMpegInputNetwork, EndOfTheTransferIsAnEvent)
 {
-    ScriptedServer server([](const ServerRequest&, ServerConnection& connection) {
-        const std::string clip = zel::test::readFile(clipPath("h264_aac.flv"));
-        connection.beginBody(200, {}, clip.size());
-        connection.send(clip.substr(0, clip.size() - 1000));
-        connection.waitForMark("go");
-        connection.send(clip.substr(clip.size() - 1000));
-    });
+    ScriptedServer server(serveClipUntilGo("h264_aac.flv", 1000));
     const auto player = openInput(server.url("/a.flv"));
-    Events events(player->input());
+    InputEvents events(player->input());
     server.mark("go");
     player->readAll();
-    while (events.soFar().empty()) {
-        std::this_thread::yield();
-    }
+    events.waitFor(1);
     EXPECT_EQ(events.soFar(), std::vector<int>{InputEvent::EndOfFileReceived});
 }
 
@@ -444,17 +383,18 @@ TEST(FFMpegInputNetwork, EventDuringASeekDoesNotReachTheHost)
     OpenInput input;
     zel::host::MediumRecord medium(server.url("/a.mp4"));
     ASSERT_TRUE(input.open(&medium, nullptr, nullptr));
-    Events events(input);
+    InputEvents events(input);
     isPlaying = true;
     // Further than the ring reaches, so that the server is asked.
     WatchedThread seeker([&] { input.setTimePosition(15000); });
     server.waitForMark("asked");
     input.connectionEventCallback(ConnectionEvent::END_OF_FILE_RECEIVED);
+    // Asked here, for the answer that follows has an end of its own.
+    EXPECT_TRUE(events.soFar().empty());
     server.mark("go");
     seeker.join();
     EXPECT_TRUE(log.waitFor(
         "FFMpegInput: END_OF_FILE_RECEIVED received while opening, ignore to prevent deadlock"));
-    EXPECT_TRUE(events.soFar().empty());
 }
 
 TEST(FFMpegInputNetwork, UnknownEventIsAnErrorForAHostThatListens)
@@ -462,19 +402,13 @@ TEST(FFMpegInputNetwork, UnknownEventIsAnErrorForAHostThatListens)
     OpenInput input;
     const auto unknown = static_cast<ConnectionEvent::ConnectionEvent>(7);
     EXPECT_NO_THROW(input.connectionEventCallback(unknown));
-    const Events events(input);
+    const InputEvents events(input);
     EXPECT_THROW(input.connectionEventCallback(unknown), std::logic_error);
 }
 
 TEST(FFMpegInputNetwork, HostMayCallBackFromAnEvent)
 {
-    ScriptedServer server([](const ServerRequest&, ServerConnection& connection) {
-        const std::string clip = zel::test::readFile(clipPath("h264_aac.flv"));
-        connection.beginBody(200, {}, clip.size());
-        connection.send(clip.substr(0, clip.size() - 1000));
-        connection.waitForMark("go");
-        connection.send(clip.substr(clip.size() - 1000));
-    });
+    ScriptedServer server(serveClipUntilGo("h264_aac.flv", 1000));
     const auto player = openInput(server.url("/a.flv"));
     struct Host
     {
@@ -585,7 +519,7 @@ TEST(MmsEquality, PicturesAndSamplesAreThoseFromDisk)
     const auto expected = file.readAll();
     expectSameFrames(framesOf(frames, PacketType::Video), framesOf(expected, PacketType::Video),
                      false);
-    EXPECT_EQ(allSamples(frames), allSamples(expected));
+    EXPECT_EQ(samplesOf(frames), samplesOf(expected));
     EXPECT_EQ(server.plays().size(), 1U);
 }
 

@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <utility>
+
 namespace InputEvent = zel::streamer::InputEvent;
 namespace PacketType = zel::streamer::PacketType;
 
@@ -62,9 +64,29 @@ std::string samplesOf(const std::vector<PlayedFrame>& frames)
     return samples;
 }
 
-ServerScript serveClip(const std::string& name)
+ServerScript serveClip(const std::string& name, ServeOptions options)
 {
-    return serveBytes(textContent(readFile(clipPath(name))));
+    return serveBytes(textContent(readFile(clipPath(name))), std::move(options));
+}
+
+ServerScript serveClipAndStall(const std::string& name)
+{
+    return [clip = readFile(clipPath(name))](const ServerRequest&, ServerConnection& connection) {
+        connection.beginBody(200, {}, clip.size() + 1000000);
+        connection.send(clip);
+        connection.waitUntilPeerCloses();
+    };
+}
+
+ServerScript serveClipUntilGo(const std::string& name, std::size_t lastBytes)
+{
+    return [clip = readFile(clipPath(name)), lastBytes](const ServerRequest&,
+                                                        ServerConnection& connection) {
+        connection.beginBody(200, {}, clip.size());
+        connection.send(clip.substr(0, clip.size() - lastBytes));
+        connection.waitForMark("go");
+        connection.send(clip.substr(clip.size() - lastBytes));
+    };
 }
 
 } // namespace zel::test

@@ -3,6 +3,7 @@
 #include "plugin/StreamInterfaces.h"
 #include "tests/support/InputPlayer.h"
 #include "tests/support/ScriptedServer.h"
+#include "tests/support/ServedContent.h"
 
 #include <condition_variable>
 #include <cstddef>
@@ -40,7 +41,10 @@ std::vector<PlayedFrame> playFile(const std::string& path);
 std::vector<PlayedFrame> picturesOf(const std::vector<PlayedFrame>& frames);
 std::string samplesOf(const std::vector<PlayedFrame>& frames);
 
-/// Serves a clip's bytes, with ranges.
-ServerScript serveClip(const std::string& name);
+ServerScript serveClip(const std::string& name, ServeOptions options = {});
+/// Serves a whole clip and then nothing, though more was promised.
+ServerScript serveClipAndStall(const std::string& name);
+/// Serves all of a clip but its last bytes, and these when the test says "go".
+ServerScript serveClipUntilGo(const std::string& name, std::size_t lastBytes);
 
 } // namespace zel::test

@@ -1,7 +1,10 @@
 #include "tests/support/Tasks.h"
 
+#include <unistd.h>
+
 #include <filesystem>
 #include <iterator>
+#include <string>
 #include <thread>
 
 namespace zel::test {
@@ -10,7 +13,11 @@ std::size_t taskCount()
 {
     // The thread sanitizer makes a thread of its own beside the first one of the program.
     static const bool s_settled = [] {
-        std::thread([] {}).join();
+        pid_t task = 0;
+        std::thread([&task] { task = gettid(); }).join();
+        while (std::filesystem::exists("/proc/self/task/" + std::to_string(task))) {
+            std::this_thread::yield();
+        }
         return true;
     }();
     (void)s_settled;
